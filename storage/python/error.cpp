@@ -1,0 +1,23 @@
+#include "python/error.h"
+
+#include <exception>
+#include <new>
+
+namespace tessaly::py {
+
+Where set_error_from_caught() noexcept {
+  try {
+    throw;
+  } catch (const ErrorSet& error) {
+    return error.where;
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+  } catch (const std::exception& error) {
+    PyErr_Format(PyExc_SystemError, "native code failed: %s", error.what());
+  } catch (...) {
+    PyErr_SetString(PyExc_SystemError, "native code failed");
+  }
+  return Where::current();
+}
+
+}  // namespace tessaly::py

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <Python.h>
+
+#include <source_location>
+
+namespace tessaly::py {
+
+using Where = std::source_location;
+
+/// Thrown when a Python error is set in the current thread, and only then. It carries no more than
+/// the place of the call that failed, for the traceback; the error itself stays where Python keeps
+/// it, so that nothing on the way can change it.
+struct ErrorSet {
+  Where where;
+};
+
+[[noreturn]] inline void throw_error_set(Where where = Where::current()) { throw ErrorSet{where}; }
+
+/// The funnel for C API calls that answer -1 with an error set.
+inline int checked(int status, Where where = Where::current()) {
+  if (status < 0) [[unlikely]]
+    throw ErrorSet{where};
+  return status;
+}
+
+inline Py_ssize_t checked_size(Py_ssize_t size, Where where = Where::current()) {
+  if (size < 0) [[unlikely]]
+    throw ErrorSet{where};
+  return size;
+}
+
+/// Sets `type` with a printf-style text (the conversions of PyErr_Format) and throws.
+template <typename... Arguments>
+[[noreturn]] void raise(PyObject* type, const char* format, Arguments... arguments) {
+  PyErr_Format(type, format, arguments...);
+  throw_error_set();
+}
+
+/// Called inside a catch block: leaves a Python error set whatever was caught, and says where it
+/// arose as far as that is known. Memory exhaustion becomes MemoryError; any other C++ exception is
+/// a fault of this module and becomes SystemError with its text.
+[[nodiscard]] Where set_error_from_caught() noexcept;
+
+}  // namespace tessaly::py
