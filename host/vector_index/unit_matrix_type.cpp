@@ -1,0 +1,267 @@
+#include "unit_matrix_type.h"
+
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "numbers.h"
+#include "unit_matrix.h"
+
+namespace tessaly::vectors {
+namespace {
+
+using py::Handle;
+using py::Owned;
+
+struct UnitMatrixObject {
+  PyObject_HEAD
+  std::size_t dimension;
+  // Replaced whole by load: a search keeps the one that it started with.
+  std::shared_ptr<const UnitMatrix> matrix;
+};
+
+UnitMatrixObject& native(PyObject* self) { return *reinterpret_cast<UnitMatrixObject*>(self); }
+
+/// Runs a method's body; whatever it throws becomes the Python error.
+template <typename Body>
+PyObject* answer(Body body) noexcept {
+  try {
+    return body().release();
+  } catch (...) {
+    (void)py::set_error_from_caught();
+    return nullptr;
+  }
+}
+
+/// Lets other threads run Python for the length of a scope that touches none.
+class WithoutInterpreter {
+ public:
+  WithoutInterpreter() noexcept : state_(PyEval_SaveThread()) {}
+  WithoutInterpreter(const WithoutInterpreter&) = delete;
+  WithoutInterpreter& operator=(const WithoutInterpreter&) = delete;
+  ~WithoutInterpreter() { PyEval_RestoreThread(state_); }
+
+ private:
+  PyThreadState* state_;
+};
+
+std::int64_t chunk_id(Handle object) {
+  const long long id = PyLong_AsLongLong(object.ptr());
+  if (id == -1 && PyErr_Occurred() != nullptr) py::throw_error_set();
+  return id;
+}
+
+/// One pair of the caller's list: kept by a tuple that nobody can change.
+class Pair {
+ public:
+  explicit Pair(Handle item)
+      : items_(PyTuple_CheckExact(item.ptr()) != 0
+                   ? Owned::borrow(item)
+                   : Owned::steal(PySequence_Tuple(item.ptr()))) {
+    if (PyTuple_GET_SIZE(items_.ptr()) != 2)
+      py::raise(PyExc_ValueError, "a vector comes as (chunk id, embedding), not as %zd items",
+                PyTuple_GET_SIZE(items_.ptr()));
+  }
+  [[nodiscard]] Handle id() const { return PyTuple_GET_ITEM(items_.ptr(), 0); }
+  [[nodiscard]] Handle embedding() const { return PyTuple_GET_ITEM(items_.ptr(), 1); }
+
+ private:
+  Owned items_;
+};
+
+/// False when the embedding's length is not the matrix's dimension; then nothing is appended.
+bool append(UnitMatrix& matrix, std::int64_t id, Handle embedding, std::vector<double>& numbers) {
+  {
+    const FloatBuffer buffer(embedding);
+    if (buffer) {
+      if (buffer.size() != matrix.dimension()) return false;
+      matrix.append(id, buffer.data());
+      return true;
+    }
+  }
+  read_numbers(embedding, numbers);
+  if (numbers.size() != matrix.dimension()) return false;
+  matrix.append(id, numbers.data());
+  return true;
+}
+
+Owned load(UnitMatrixObject& self, Handle vectors) {
+  // A tuple of our own: embeddings may run Python code, which may shorten the caller's list.
+  const Owned pairs = Owned::steal(PySequence_Tuple(vectors.ptr()));
+  const Py_ssize_t count = PyTuple_GET_SIZE(pairs.ptr());
+  auto matrix = std::make_shared<UnitMatrix>(self.dimension, static_cast<std::size_t>(count));
+  std::vector<double> numbers;
+  Py_ssize_t left_out = 0;
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    const Pair pair(PyTuple_GET_ITEM(pairs.ptr(), i));
+    const std::int64_t id = chunk_id(pair.id());
+    if (!matrix->ids().empty() && id <= matrix->ids().back())
+      py::raise(PyExc_ValueError, "chunk ids must ascend: %lld comes after %lld",
+                static_cast<long long>(id), static_cast<long long>(matrix->ids().back()));
+    if (!append(*matrix, id, pair.embedding(), numbers)) ++left_out;
+  }
+  self.matrix = std::move(matrix);
+  return Owned::steal(PyLong_FromSsize_t(left_out));
+}
+
+std::vector<float> unit_query(const UnitMatrixObject& self, Handle query) {
+  std::vector<double> numbers;
+  read_numbers(query, numbers);
+  if (numbers.size() != self.dimension)
+    py::raise(PyExc_ValueError, "the query embedding has %zu components, the index %zu",
+              numbers.size(), self.dimension);
+  std::vector<float> unit(self.dimension);
+  unit_vector(numbers.data(), numbers.size(), unit.data());
+  return unit;
+}
+
+Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
+  const std::vector<float> unit = unit_query(self, query);
+  // Beyond the range of a size it is cut off there, which is as good.
+  const Py_ssize_t wanted = PyNumber_AsSsize_t(top_k.ptr(), nullptr);
+  if (wanted == -1 && PyErr_Occurred() != nullptr) py::throw_error_set();
+  std::vector<Hit> hits;
+  if (wanted > 0) {
+    const std::shared_ptr<const UnitMatrix> matrix = self.matrix;
+    const WithoutInterpreter released;
+    hits = matrix->nearest(unit.data(), static_cast<std::size_t>(wanted));
+  }
+  Owned result = Owned::steal(PyList_New(static_cast<Py_ssize_t>(hits.size())));
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    PyObject* pair = Py_BuildValue("(Ld)", static_cast<long long>(hits[i].id),
+                                   static_cast<double>(hits[i].similarity));
+    PyList_SET_ITEM(result.ptr(), static_cast<Py_ssize_t>(i), Owned::steal(pair).release());
+  }
+  return result;
+}
+
+Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids) {
+  const std::vector<float> unit = unit_query(self, query);
+  const Owned ids = Owned::steal(PySequence_Tuple(chunk_ids.ptr()));
+  const Py_ssize_t count = PyTuple_GET_SIZE(ids.ptr());
+  const std::shared_ptr<const UnitMatrix> matrix = self.matrix;
+  Owned result = Owned::steal(PyList_New(count));
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    const std::int64_t id = chunk_id(PyTuple_GET_ITEM(ids.ptr(), i));
+    const double similarity = static_cast<double>(matrix->similarity(unit.data(), id));
+    PyList_SET_ITEM(result.ptr(), i, Owned::steal(PyFloat_FromDouble(similarity)).release());
+  }
+  return result;
+}
+
+void check_two(const char* method, Py_ssize_t count) {
+  if (count != 2)
+    py::raise(PyExc_TypeError, "%s() takes 2 arguments (%zd given)", method, count);
+}
+
+extern "C" {
+
+PyObject* unit_matrix_load(PyObject* self, PyObject* vectors) {
+  return answer([&] { return load(native(self), vectors); });
+}
+
+PyObject* unit_matrix_nearest(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
+  return answer([&] {
+    check_two("nearest", count);
+    return nearest(native(self), arguments[0], arguments[1]);
+  });
+}
+
+PyObject* unit_matrix_similarities(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
+  return answer([&] {
+    check_two("similarities", count);
+    return similarities(native(self), arguments[0], arguments[1]);
+  });
+}
+
+PyObject* unit_matrix_component_sum(PyObject* self, PyObject*) {
+  return PyFloat_FromDouble(static_cast<double>(native(self).matrix->component_sum()));
+}
+
+PyObject* unit_matrix_dimension(PyObject* self, void*) {
+  return PyLong_FromSize_t(native(self).dimension);
+}
+
+Py_ssize_t unit_matrix_length(PyObject* self) {
+  return static_cast<Py_ssize_t>(native(self).matrix->ids().size());
+}
+
+PyObject* unit_matrix_new(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
+  return answer([&] {
+    static const char* const names[] = {"dimension", nullptr};
+    Py_ssize_t dimension = 0;
+    if (PyArg_ParseTupleAndKeywords(arguments, keywords, "n", const_cast<char**>(names),
+                                    &dimension) == 0)
+      py::throw_error_set();
+    if (dimension < 0) py::raise(PyExc_ValueError, "a dimension is not negative: %zd", dimension);
+    const auto size = static_cast<std::size_t>(dimension);
+    auto empty = std::make_shared<const UnitMatrix>(size, 0);
+    Owned self = Owned::steal(type->tp_alloc(type, 0));
+    native(self.ptr()).dimension = size;
+    new (&native(self.ptr()).matrix) std::shared_ptr<const UnitMatrix>(std::move(empty));
+    return self;
+  });
+}
+
+void unit_matrix_dealloc(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  PyTypeObject* type = Py_TYPE(self);
+  std::destroy_at(&native(self).matrix);
+  type->tp_free(self);
+  (void)Owned::steal(reinterpret_cast<PyObject*>(type));
+}
+
+int unit_matrix_traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  return 0;
+}
+
+}  // extern "C"
+
+using FastMethod = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t);
+
+PyCFunction as_method(FastMethod method) {
+  return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
+}
+
+}  // namespace
+
+Owned make_unit_matrix_type(Handle module) {
+  static PyMethodDef methods[] = {
+      {"load", unit_matrix_load, METH_O,
+       "load($self, vectors, /)\n--\n\n"
+       "Replace the contents by (chunk id, embedding) pairs of ascending id; an error leaves the\n"
+       "old ones. Returns how many were left out because their length is not the dimension."},
+      {"nearest", as_method(unit_matrix_nearest), METH_FASTCALL,
+       "nearest($self, query, top_k, /)\n--\n\n"
+       "The at most top_k pairs (chunk id, cosine) most similar to the query, best first, ties\n"
+       "by chunk id. A vector without a direction (zero or not finite) has cosine 0.0."},
+      {"similarities", as_method(unit_matrix_similarities), METH_FASTCALL,
+       "similarities($self, query, chunk_ids, /)\n--\n\n"
+       "The cosine of each of the chunks to the query; 0.0 for one that is not here."},
+      {"component_sum", unit_matrix_component_sum, METH_NOARGS,
+       "component_sum($self, /)\n--\n\n"
+       "The sum of all components, by one plain pass over the matrix: what a search must read."},
+      {}};
+  static PyGetSetDef attributes[] = {
+      {"dimension", unit_matrix_dimension, nullptr, "Components of each vector.", nullptr}, {}};
+  PyType_Slot slots[] = {
+      {Py_tp_doc, const_cast<char*>("UnitMatrix(dimension)\n--\n\n"
+                                    "Embeddings under chunk ids, searched by exact cosine.")},
+      {Py_tp_new, reinterpret_cast<void*>(unit_matrix_new)},
+      {Py_tp_dealloc, reinterpret_cast<void*>(unit_matrix_dealloc)},
+      {Py_tp_traverse, reinterpret_cast<void*>(unit_matrix_traverse)},
+      {Py_sq_length, reinterpret_cast<void*>(unit_matrix_length)},
+      {Py_tp_methods, methods},
+      {Py_tp_getset, attributes},
+      {0, nullptr}};
+  PyType_Spec spec{.name = "tessaly.storage._vector_index.UnitMatrix",
+                   .basicsize = sizeof(UnitMatrixObject),
+                   .itemsize = 0,
+                   .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC |
+                            Py_TPFLAGS_IMMUTABLETYPE,
+                   .slots = slots};
+  return Owned::steal(PyType_FromModuleAndSpec(module.ptr(), &spec, nullptr));
+}
+
+}  // namespace tessaly::vectors
