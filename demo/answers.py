@@ -1,0 +1,73 @@
+"""What ``search`` prints, once or at a prompt."""
+
+from __future__ import annotations
+
+import json
+import sys
+import time
+from dataclasses import asdict
+
+from demo.errors import UserError
+from demo.search import Hit, Searcher, stems
+from demo.show import Style, cut, duration, is_terminal, plural, width
+
+EXCERPT_LINES = 2
+
+
+def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
+    """The hits, three to four lines each, or as one JSON list."""
+    if as_json:
+        print(json.dumps([asdict(hit) for hit in hits], indent=2))
+        return
+    style, columns, words = Style(sys.stdout), width(), stems(question)
+    if not hits:
+        print("nothing found")
+    for number, hit in enumerate(hits, 1):
+        scores = f"{hit.score:.4f} (cosine {hit.similarity:.2f})"
+        rank = f"{number:>2}. "
+        title = cut(hit.title, columns - len(rank) - len(scores) - 2)
+        print(f"{rank}{style.bold(title)}  {style.dim(scores)}")
+        if hit.heading not in ("", hit.title):
+            print("    " + cut(hit.heading, columns - 4))
+        print("    " + style.path(cut(f"{hit.path}:{hit.start}-{hit.end}", columns - 4)))
+        for line in hit.excerpt(words, EXCERPT_LINES):
+            print(style.dim("    | ") + cut(line.strip(), columns - 6))
+
+
+def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
+    """Asks once; a terminal is told how long it took."""
+    began = time.monotonic()
+    hits = searcher.ask(question, top_k)
+    taken = time.monotonic() - began
+    print_hits(hits, question, as_json)
+    if is_terminal(sys.stdout) and not as_json:
+        print(Style(sys.stdout).dim(f"{plural(len(hits), 'result')} in {duration(taken)}"))
+
+
+def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
+    """Questions line by line until the input ends; the index stays loaded between them."""
+    asked_by_person = is_terminal(sys.stdin) and is_terminal(sys.stdout)
+    if asked_by_person:
+        _try_line_editing()
+        print("Ask away; an empty line or Ctrl-D ends. The first question loads the index.")
+    while True:
+        try:
+            question = input("? " if asked_by_person else "").strip()
+        except EOFError:
+            if asked_by_person:
+                print()
+            return
+        except UnicodeDecodeError as error:
+            raise UserError(f"a question is not text: {error}") from error
+        if question:
+            answer(searcher, question, top_k, as_json)
+        elif asked_by_person:
+            return
+
+
+def _try_line_editing() -> None:
+    """Arrow keys and history at the prompt, where the interpreter has them."""
+    try:
+        import readline  # noqa: F401
+    except ImportError:
+        pass

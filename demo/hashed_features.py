@@ -1,0 +1,109 @@
+"""The built-in embedder: hashed features of words, word parts and letter runs. Offline, no model.
+
+Each chunk becomes a bag of words, identifiers split at underscores and capitals; each word gives
+features (its stem, and its letter runs of length 4), each feature a place and a sign in the vector
+by a hash ("feature hashing", Weinberger et al. 2009). A word that occurs n times weighs 1 + ln n.
+The vector has length 1. The same text gives the same vector in every process.
+"""
+
+from __future__ import annotations
+
+import math
+import re
+from collections import Counter
+from functools import lru_cache
+from hashlib import blake2b
+
+DIMENSION = 384
+NAME = "hashed-features"
+
+_WORD = re.compile(r"[^\W_]+")
+_PART = re.compile(r"[A-Z]+(?![a-z])|[A-Z]?[a-z]+|\d+")
+_MAX_WORD = 24
+_RUN = 4
+_RUN_WEIGHT = 0.35
+_COMMON_WEIGHT = 0.15
+_HEAD_WEIGHT = 2  # words of the first two lines (title and heading of a chunk) count double
+
+STOP_WORDS = frozenset(
+    """a about all an and any are as at be been but by can could did do does for from get had has
+    have how i if in into is it its may me my no not of on or our should so some than that the
+    their them then there these they this those to was we were what when where which who why will
+    with would you your""".split()
+)
+_COMMON = STOP_WORDS | frozenset(
+    """arg args bool char class const def elif else false import int len name none null void
+    object public private print return self static std str string true type types value var""".split()
+)
+
+
+@lru_cache(maxsize=1 << 16)
+def word_parts(word: str) -> tuple[str, ...]:
+    """The lower-case parts of one word: camelCase gives two, and itself as a whole."""
+    if word.isascii():
+        parts = [part.lower() for part in _PART.findall(word)]
+        if len(parts) > 1:
+            parts.append(word.lower())
+    else:
+        parts = [word.casefold()]
+    return tuple(part[:_MAX_WORD] for part in parts)
+
+
+@lru_cache(maxsize=1 << 16)
+def stem(word: str) -> str:
+    """The word without its English ending, so that "rolled", "rolls" and "rolling" agree."""
+    for ending in ("ations", "ation", "ings", "ing", "ies", "ed", "es", "s"):
+        if word.endswith(ending) and len(word) - len(ending) >= 3 and not word.endswith("ss"):
+            return word[: -len(ending)] + ("y" if ending == "ies" else "")
+    return word
+
+
+@lru_cache(maxsize=1 << 16)
+def _features(part: str) -> tuple[tuple[int, float], ...]:
+    """Places and signed weights of one word part in the vector."""
+    root = stem(part)
+    if part in _COMMON:
+        return (_place(root, _COMMON_WEIGHT),)
+    padded = f"<{root}>"
+    runs = {padded[start : start + _RUN] for start in range(len(padded) - _RUN + 1)}
+    return (_place(root, 1.0), *(_place("~" + run, _RUN_WEIGHT) for run in sorted(runs)))
+
+
+def _place(feature: str, weight: float) -> tuple[int, float]:
+    number = int.from_bytes(blake2b(feature.encode(), digest_size=8).digest(), "little")
+    return (number >> 1) % DIMENSION, weight if number & 1 else -weight
+
+
+def embed_one(text: str) -> list[float]:
+    """The vector of one text; the zero vector when it holds no word."""
+    head = text.split("\n", 2)[:2]
+    words = Counter(_WORD.findall(text))
+    words.update({word: _HEAD_WEIGHT - 1 for word in _WORD.findall("\n".join(head))})
+    parts: dict[str, int] = {}
+    for word, count in words.items():
+        for part in word_parts(word):
+            parts[part] = parts.get(part, 0) + count
+    vector = [0.0] * DIMENSION
+    for part, count in parts.items():
+        frequency = 1.0 + math.log(count)
+        for place, weight in _features(part):
+            vector[place] += weight * frequency
+    length = math.hypot(*vector)
+    return [value / length for value in vector] if length else vector
+
+
+def embed(texts: list[str]) -> list[list[float]]:
+    """One vector of ``DIMENSION`` floats for each text."""
+    return [embed_one(text) for text in texts]
+
+
+def search_terms(question: str) -> list[str]:
+    """The words of a question for the word index: no stop words, with stems and joined pairs.
+
+    Two words that follow each other are also given as one ("rolled back" as "rollback"), the way
+    identifiers write them. Only stop words: all of them, so that they still find something.
+    """
+    words = [part for word in _WORD.findall(question) for part in word_parts(word)]
+    kept = [word for word in words if word not in STOP_WORDS] or words
+    pairs = [stem(first) + stem(second) for first, second in zip(kept, kept[1:])]
+    return list(dict.fromkeys([*kept, *(stem(word) for word in kept), *pairs]))

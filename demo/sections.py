@@ -1,0 +1,191 @@
+"""Cuts a file into sections: line ranges with a heading, each to become one chunk.
+
+Every language gives *marks*, the lines at which something begins; the rest is the same for all:
+small neighbours are merged, long sections are split at blank lines.
+"""
+
+from __future__ import annotations
+
+import re
+from dataclasses import dataclass, field
+
+from demo.languages import MARKDOWN, PYTHON, RST, Language
+from demo.python_marks import python_marks
+
+MERGE_LINES = 30  # neighbours are merged while they fit into this
+TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
+SPLIT_LINES = 100  # a section longer than this is split
+BLOCK_LINES = 60  # into parts of about this
+
+
+@dataclass(frozen=True, slots=True)
+class Mark:
+    """Something begins at ``line`` (from 1). No heading: not worth citing until the next mark.
+
+    Only marks of one ``group`` are merged; a ``symbol`` is a name that the file defines.
+    """
+
+    line: int
+    heading: str | None
+    group: str = ""
+    symbol: bool = False
+
+
+@dataclass(frozen=True, slots=True)
+class Section:
+    """Lines ``start`` to ``end``, both included, counted from 1."""
+
+    heading: str
+    start: int
+    end: int
+    group: str = field(default="", compare=False)
+
+
+@dataclass(frozen=True, slots=True)
+class Outline:
+    """A file cut up: sections in file order, none overlapping, and the names it defines."""
+
+    sections: list[Section]
+    symbols: list[str]
+    lines: list[str]
+    docstring: str = ""
+
+    def text(self, section: Section) -> str:
+        """The source of one section."""
+        return "\n".join(self.lines[section.start - 1 : section.end])
+
+
+def outline(language: Language, text: str) -> Outline:
+    """Cuts a file; one that does not parse, or has nothing to cut at, is cut into line blocks."""
+    lines = text.split("\n")
+    marks: list[Mark] = []
+    docstring = ""
+    if language is PYTHON:
+        found = python_marks(text, lines, SPLIT_LINES)
+        if found is not None:
+            marks, docstring = [Mark(*mark) for mark in found[0]], found[1]
+    elif language is MARKDOWN or language is RST:
+        marks = _heading_marks(lines, language is RST)
+    elif language.definition is not None:
+        marks = _definition_marks(lines, language)
+    symbols = [mark.heading for mark in marks if mark.symbol and mark.heading]
+    sections = _ranges(marks, lines) or _ranges([Mark(1, "overview")], lines)
+    parts = [part for one in _merged(sections) for part in _split(one, lines)]
+    return Outline(parts, list(dict.fromkeys(symbols)), lines, docstring)
+
+
+def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
+    """Marks at headings: ``#`` and underlined ones; nothing inside a fenced block counts."""
+    underline = re.compile(r"^([=\-~^\"'*+#`.:])\1{2,}\s*$" if underlined else r"^(?:={2,}|-{2,})\s*$")
+    marks = [Mark(1, "overview")]
+    fence = ""
+    for number, line in enumerate(lines, 1):
+        opening = re.match(r"\s{0,3}(```+|~~~+)", line)
+        if fence:
+            if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
+                fence = ""
+        elif opening and not underlined:
+            fence = opening[1]
+        elif not underlined and (found := re.match(r"#{1,6}\s+(.*?)\s*#*\s*$", line)):
+            marks.append(Mark(number, _plain(found[1]) or "untitled", "heading"))
+        elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
+            marks.append(Mark(number - 1, _plain(lines[number - 2]), "heading"))
+    return marks
+
+
+def _is_title(line: str, underline: str) -> bool:
+    return bool(line.strip()) and line[0].isalnum() and len(underline.rstrip()) >= len(line) - 2
+
+
+def _plain(heading: str) -> str:
+    """A heading without links and emphasis."""
+    return re.sub(r"!?\[([^\]]*)\]\([^)]*\)|[*`]", lambda match: match[1] or "", heading).strip()
+
+
+_IMPORT = re.compile(
+    r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
+    r"|include|source|module|'use strict'|\"use strict\")\b"
+)
+_COMMENT = re.compile(r"\s*(?:#(?!include|define|if|endif|pragma|else)|//|/?\*|--|@|template\b|;)")
+
+
+def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
+    """Marks at the lines that look like definitions, their comments above them included."""
+    assert language.definition is not None
+    marks: list[Mark] = []
+    above = 1  # no comment above this line belongs to the next definition
+    for number, line in enumerate(lines, 1):
+        found = language.definition.match(line)
+        if found is not None:
+            name = next(group for group in found.groups() if group)
+            start = number
+            while start > above and _COMMENT.match(lines[start - 2]):
+                start -= 1
+            marks.append(Mark(start, name, "", True))
+            above = number + 1
+        elif (not marks or not marks[-1].symbol) and line.strip():
+            heading = None if _IMPORT.match(line) else "overview"
+            if not marks or (marks[-1].heading is None) != (heading is None):
+                marks.append(Mark(number, heading, "overview"))
+    return _in_order(marks)
+
+
+def _in_order(marks: list[Mark]) -> list[Mark]:
+    """Drops marks that a later one starts at or before (a comment taken over by a definition)."""
+    kept: list[Mark] = []
+    for mark in marks:
+        while kept and kept[-1].line >= mark.line:
+            kept.pop()
+        kept.append(mark)
+    return kept
+
+
+def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
+    """Each mark's lines up to the next mark, without the blank ones around them."""
+    sections = []
+    for position, mark in enumerate(marks):
+        end = marks[position + 1].line - 1 if position + 1 < len(marks) else len(lines)
+        start = mark.line
+        while start <= end and not lines[start - 1].strip():
+            start += 1
+        while end >= start and not lines[end - 1].strip():
+            end -= 1
+        if mark.heading is not None and start <= end:
+            sections.append(Section(mark.heading, start, end, mark.group))
+    return sections
+
+
+def _merged(sections: list[Section]) -> list[Section]:
+    merged: list[Section] = []
+    for section in sections:
+        last = merged[-1] if merged else None
+        if (
+            last is not None
+            and last.group == section.group
+            and (section.end - last.start < MERGE_LINES or last.end - last.start < TINY_LINES)
+        ):
+            heading = last.heading
+            if section.heading not in heading.split(", ") and len(heading) < 60:
+                heading = f"{heading}, {section.heading}"
+            merged[-1] = Section(heading, last.start, section.end, last.group)
+        else:
+            merged.append(section)
+    return merged
+
+
+def _split(section: Section, lines: list[str]) -> list[Section]:
+    """Parts of about ``BLOCK_LINES``, cut at a blank line where one is near."""
+    parts: list[Section] = []
+    start = section.start
+    while section.end - start >= SPLIT_LINES:
+        cut = start + BLOCK_LINES
+        near = range(cut, max(start, cut - BLOCK_LINES // 3), -1)
+        cut = next((line for line in near if not lines[line - 1].strip()), cut)
+        parts.append(Section(_part(section.heading, len(parts)), start, cut))
+        start = cut + 1
+    parts.append(Section(_part(section.heading, len(parts)), start, section.end))
+    return parts
+
+
+def _part(heading: str, number: int) -> str:
+    return heading if number == 0 else f"{heading} ({number + 1})"
