@@ -104,17 +104,17 @@ TESSALY_INLINE float sum(const float* values, std::size_t count) {
 }
 
 // The three loops for one target; an empty target is the compiler's default.
-#define TESSALY_KERNELS(name, lanes, target)                                                      \
-  target void dot_rows_##name(const float* rows, std::size_t count, std::size_t dimension,        \
-                              const float* query, float* out) {                                   \
-    dot_rows<lanes>(rows, count, dimension, query, out);                                          \
-  }                                                                                               \
-  target void to_unit_##name(const float* vector, std::size_t dimension, float* unit) {           \
-    to_unit<lanes>(vector, dimension, unit);                                                      \
-  }                                                                                               \
-  target float sum_##name(const float* values, std::size_t count) {                               \
-    return sum<lanes>(values, count);                                                             \
-  }                                                                                               \
+#define TESSALY_KERNELS(name, lanes, target)                                               \
+  target void dot_rows_##name(const float* rows, std::size_t count, std::size_t dimension, \
+                              const float* query, float* out) {                            \
+    dot_rows<lanes>(rows, count, dimension, query, out);                                   \
+  }                                                                                        \
+  target void to_unit_##name(const float* vector, std::size_t dimension, float* unit) {    \
+    to_unit<lanes>(vector, dimension, unit);                                               \
+  }                                                                                        \
+  target float sum_##name(const float* values, std::size_t count) {                        \
+    return sum<lanes>(values, count);                                                      \
+  }                                                                                        \
   constexpr Kernels kernels_##name{dot_rows_##name, to_unit_##name, sum_##name};
 
 TESSALY_KERNELS(plain, 4, )

@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "kernels.h"
@@ -15,21 +16,25 @@
 namespace tessaly::vectors {
 namespace {
 
-// A huge page of most processors. Aligned to it, a large matrix needs few page faults to fill and
-// few address translations to scan.
-constexpr std::align_val_t kAlignment{std::size_t{1} << 21};
+constexpr std::align_val_t kAlignment{64};  // a cache line
+
+// Advises huge pages for the part of a large block that holds whole ones: the matrix then needs few
+// page faults to fill and few address translations to scan. Where it is not taken, pages are small.
+void advise_huge_pages([[maybe_unused]] void* block, [[maybe_unused]] std::size_t bytes) noexcept {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+  constexpr std::size_t kHugePage = std::size_t{1} << 21;
+  std::size_t space = bytes;
+  if (bytes < 8 * kHugePage || std::align(kHugePage, kHugePage, block, space) == nullptr) return;
+  (void)madvise(block, space / kHugePage * kHugePage, MADV_HUGEPAGE);
+#endif
+}
 
 float* allocate_rows(std::size_t dimension, std::size_t count) {
   if (dimension != 0 && count > std::numeric_limits<std::size_t>::max() / sizeof(float) / dimension)
     throw std::bad_alloc();
   const std::size_t bytes = dimension * count * sizeof(float);
   void* rows = ::operator new(bytes, kAlignment);
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-  // Only advice: where it is not taken, pages are small. Whole huge pages, so that no stranger's
-  // memory is meant.
-  const std::size_t whole = bytes & ~(static_cast<std::size_t>(kAlignment) - 1);
-  if (whole != 0) (void)madvise(rows, whole, MADV_HUGEPAGE);
-#endif
+  advise_huge_pages(rows, bytes);
   return static_cast<float*>(rows);
 }
 

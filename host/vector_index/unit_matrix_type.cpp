@@ -14,8 +14,7 @@ using py::Handle;
 using py::Owned;
 
 struct UnitMatrixObject {
-  PyObject_HEAD
-  std::size_t dimension;
+  PyObject_HEAD std::size_t dimension;
   // Replaced whole by load: a search keeps the one that it started with.
   std::shared_ptr<const UnitMatrix> matrix;
 };
@@ -55,9 +54,8 @@ std::int64_t chunk_id(Handle object) {
 class Pair {
  public:
   explicit Pair(Handle item)
-      : items_(PyTuple_CheckExact(item.ptr()) != 0
-                   ? Owned::borrow(item)
-                   : Owned::steal(PySequence_Tuple(item.ptr()))) {
+      : items_(PyTuple_CheckExact(item.ptr()) != 0 ? Owned::borrow(item)
+                                                   : Owned::steal(PySequence_Tuple(item.ptr()))) {
     if (PyTuple_GET_SIZE(items_.ptr()) != 2)
       py::raise(PyExc_ValueError, "a vector comes as (chunk id, embedding), not as %zd items",
                 PyTuple_GET_SIZE(items_.ptr()));
@@ -150,8 +148,7 @@ Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids)
 }
 
 void check_two(const char* method, Py_ssize_t count) {
-  if (count != 2)
-    py::raise(PyExc_TypeError, "%s() takes 2 arguments (%zd given)", method, count);
+  if (count != 2) py::raise(PyExc_TypeError, "%s() takes 2 arguments (%zd given)", method, count);
 }
 
 extern "C" {

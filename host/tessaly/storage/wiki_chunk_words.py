@@ -14,6 +14,9 @@ from tessaly.storage.vector_index import EmbeddingIndex
 # 1 / (k + rank) over the rankings that found it; k damps the lead of the first few.
 _FUSION_K = 60
 
+# From this many chunks on, words that nearly every chunk holds are worth leaving out of a search.
+_MANY_CHUNKS = 1000
+
 
 class ChunkWords:
     """A word index over chunk headings and texts, in memory; made by ``build``.
@@ -23,6 +26,7 @@ class ChunkWords:
 
     def __init__(self, connection: sqlite3.Connection | None) -> None:
         self._connection = connection
+        self._common: frozenset[str] = frozenset()
         self._lock = threading.Lock()
 
     @classmethod
@@ -49,6 +53,7 @@ class ChunkWords:
             "INSERT INTO wiki_chunk_words (rowid, heading, text) VALUES (?, ?, ?)", _storable(items)
         )
         connection.execute("COMMIT")
+        words._common = _common_words(connection)
         return words
 
     def best(self, terms: Sequence[str], top_k: int) -> list[int] | None:
@@ -61,14 +66,26 @@ class ChunkWords:
         Raises:
             TypeError: A term is no string.
         """
-        query = _query(terms)
-        if not query or self._connection is None:
+        phrases = _phrases(terms)
+        if not phrases or self._connection is None:
             return None
+        # BM25 gives a word that most chunks hold no weight, but going through all of them takes
+        # time: such words are left to the searches that find too little without them.
+        telling = [phrase for word, phrase in phrases.items() if word not in self._common]
+        if len(telling) < len(phrases):
+            found = self._search(telling, top_k)
+            if len(found) == top_k:
+                return found
+        return self._search(list(phrases.values()), top_k)
+
+    def _search(self, phrases: list[str], top_k: int) -> list[int]:
         with self._lock:
+            if not phrases or self._connection is None:
+                return []
             rows = self._connection.execute(
                 "SELECT rowid FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?"
                 " ORDER BY rank, rowid LIMIT ?",
-                (query, top_k),
+                (" OR ".join(phrases), top_k),
             ).fetchall()
         return [row[0] for row in rows]
 
@@ -140,16 +157,29 @@ def _storable(
         yield chunk_id, _valid(heading or ""), _valid(text)
 
 
-def _query(terms: Sequence[str]) -> str:
-    # A quoted string is never syntax. FTS5 reads its query up to the first NUL.
-    phrases: dict[str, None] = {}
+def _common_words(connection: sqlite3.Connection) -> frozenset[str]:
+    """The words, as the tokenizer writes them, that more than half of many chunks hold."""
+    # One row a chunk stands in the table of their sizes, which counts faster than the index.
+    count = connection.execute("SELECT count(*) FROM wiki_chunk_words_docsize").fetchone()[0]
+    if count < _MANY_CHUNKS:
+        return frozenset()
+    connection.execute("CREATE VIRTUAL TABLE vocabulary USING fts5vocab(wiki_chunk_words, row)")
+    rows = connection.execute("SELECT term FROM vocabulary WHERE doc > ?", (count // 2,)).fetchall()
+    connection.execute("DROP TABLE vocabulary")
+    return frozenset(row[0] for row in rows)
+
+
+def _phrases(terms: Sequence[str]) -> dict[str, str]:
+    """Each term that holds a word, once, in lower case, with the quoted string to search for."""
+    phrases: dict[str, str] = {}
     for term in terms:
         if not isinstance(term, str):
             raise TypeError(f"a term must be a string, not {type(term).__name__}")
         if any(map(str.isalnum, term)):
-            word = _valid(term).replace("\0", " ").replace('"', '""')
-            phrases[f'"{word}"'] = None
-    return " OR ".join(phrases)
+            # A quoted string is never syntax. FTS5 reads its query up to the first NUL.
+            word = _valid(term).replace("\0", " ")
+            phrases[word.lower()] = '"' + word.replace('"', '""') + '"'
+    return phrases
 
 
 def _valid(text: str) -> str:
