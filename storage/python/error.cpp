@@ -5,11 +5,11 @@
 
 namespace tessaly::py {
 
-Where set_error_from_caught() noexcept {
+ErrorSet set_error_from_caught() noexcept {
   try {
     throw;
   } catch (const ErrorSet& error) {
-    return error.where;
+    return error;
   } catch (const std::bad_alloc&) {
     PyErr_NoMemory();
   } catch (const std::exception& error) {
@@ -17,7 +17,7 @@ Where set_error_from_caught() noexcept {
   } catch (...) {
     PyErr_SetString(PyExc_SystemError, "native code failed");
   }
-  return Where::current();
+  return ErrorSet{Where::current()};
 }
 
 }  // namespace tessaly::py

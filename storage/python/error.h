@@ -13,6 +13,7 @@ using Where = std::source_location;
 /// it, so that nothing on the way can change it.
 struct ErrorSet {
   Where where;
+  bool traced = false;  // the traceback names the place already
 };
 
 [[noreturn]] inline void throw_error_set(Where where = Where::current()) { throw ErrorSet{where}; }
@@ -37,9 +38,9 @@ template <typename... Arguments>
   throw_error_set();
 }
 
-/// Called inside a catch block: leaves a Python error set whatever was caught, and says where it
-/// arose as far as that is known. Memory exhaustion becomes MemoryError; any other C++ exception is
-/// a fault of this module and becomes SystemError with its text.
-[[nodiscard]] Where set_error_from_caught() noexcept;
+/// Called inside a catch block: leaves a Python error set whatever was caught, and answers what is
+/// known of its place. Memory exhaustion becomes MemoryError; any other C++ exception is a fault of
+/// this module and becomes SystemError with its text.
+[[nodiscard]] ErrorSet set_error_from_caught() noexcept;
 
 }  // namespace tessaly::py

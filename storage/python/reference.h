@@ -2,6 +2,7 @@
 
 #include <Python.h>
 
+#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -10,6 +11,7 @@
 namespace tessaly::py {
 
 class Owned;
+class Member;
 
 /// A borrowed object, never null: the way an object is passed down. Whoever made the Handle keeps
 /// the object alive for the length of the call; nothing that outlives the call may hold one.
@@ -17,6 +19,7 @@ class Handle {
  public:
   Handle(PyObject* object) noexcept : object_(object) {}
   Handle(const Owned& owned) noexcept;
+  Handle(const Member& member) noexcept;
 
   [[nodiscard]] PyObject* ptr() const noexcept { return object_; }
   [[nodiscard]] bool is(Handle other) const noexcept { return object_ == other.object_; }
@@ -60,7 +63,22 @@ class [[nodiscard]] Owned {
   PyObject* object_;
 };
 
+/// For results that nobody asked for.
+inline void drop(Owned /*result*/) noexcept {}
+
 inline Handle::Handle(const Owned& owned) noexcept : object_(owned.ptr()) {}
+
+/// The boundary towards Python for functions that answer an object: everything thrown inside ends
+/// here as a Python error.
+template <typename Function>
+PyObject* guarded(Function&& function) noexcept {
+  try {
+    return function().release();
+  } catch (...) {
+    static_cast<void>(set_error_from_caught());
+    return nullptr;
+  }
+}
 
 /// The answer of the C API's three-way look-ups (-1 error, 0 absent, 1 found).
 [[nodiscard]] inline std::optional<Owned> found(int status, PyObject* object,
@@ -85,7 +103,7 @@ class Member {
     Py_XDECREF(old);
   }
   void clear() noexcept { Py_CLEAR(object_); }
-  [[nodiscard]] int visit(visitproc visit, void* arg) const {
+  [[nodiscard]] int traverse(visitproc visit, void* arg) const {
     Py_VISIT(object_);
     return 0;
   }
@@ -94,6 +112,26 @@ class Member {
 
  private:
   PyObject* object_ = nullptr;
+};
+
+inline Handle::Handle(const Member& member) noexcept : object_(member.ptr()) {}
+
+/// References that are held together until the end of a scope, at most `Capacity` of them.
+template <std::size_t Capacity>
+class OwnedStack {
+ public:
+  OwnedStack() noexcept = default;
+  OwnedStack(const OwnedStack&) = delete;
+  OwnedStack& operator=(const OwnedStack&) = delete;
+  ~OwnedStack() {
+    while (size_ > 0) Py_DECREF(objects_[--size_]);
+  }
+  /// The caller sees to it that no more than `Capacity` are pushed.
+  Handle push(Owned owned) noexcept { return objects_[size_++] = owned.release(); }
+
+ private:
+  PyObject* objects_[Capacity];
+  std::size_t size_ = 0;
 };
 
 }  // namespace tessaly::py

@@ -1,0 +1,39 @@
+# Extension modules: how every one of them is compiled, linked and placed.
+
+find_package(Python 3.13 REQUIRED COMPONENTS Interpreter Development.Module)
+if(NOT Python_VERSION VERSION_LESS 3.14)
+  message(FATAL_ERROR "The extension is written for CPython 3.13; ${Python_EXECUTABLE} is "
+                      "${Python_VERSION}. Name another one with -DPython_EXECUTABLE=...")
+endif()
+
+# The importable tree: the package with the extension modules beside the Python modules.
+set(TESSALY_PYTHON_TREE "${CMAKE_BINARY_DIR}/python")
+set(TESSALY_EXTENSION_DIR "${TESSALY_PYTHON_TREE}/tessaly/storage")
+
+add_library(extension_flags INTERFACE)
+target_compile_options(extension_flags INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Werror
+  -Wno-missing-field-initializers
+  # Rounding is exact arithmetic here: no multiplication may be fused that was not asked for.
+  -ffp-contract=off
+  -fno-math-errno
+  # Tracebacks name sources as they stand in the project, wherever it was built.
+  "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
+if(TESSALY_SANITIZE)
+  target_compile_options(extension_flags INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g)
+  target_link_options(extension_flags INTERFACE -fsanitize=address,undefined)
+endif()
+
+# add_python_extension(name source...): the module tessaly.storage.<name>, which exports its
+# initialisation and nothing else. CPython's headers are not ours to hold to our warnings.
+function(add_python_extension name)
+  Python_add_library(${name} MODULE WITH_SOABI ${ARGN})
+  target_link_libraries(${name} PRIVATE extension_flags python_layer)
+  set_target_properties(${name} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY "${TESSALY_EXTENSION_DIR}"
+    INTERPROCEDURAL_OPTIMIZATION "$<NOT:$<BOOL:${TESSALY_SANITIZE}>>")
+  if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    target_link_options(${name} PRIVATE -Wl,--exclude-libs,ALL)
+  endif()
+endfunction()

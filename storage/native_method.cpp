@@ -1,0 +1,225 @@
+#include "native_method.h"
+
+#include <cstddef>
+
+#include "bound_arguments.h"
+
+namespace tessaly {
+
+using py::Owned;
+
+namespace {
+
+struct NativeMethod {
+  PyObject_HEAD vectorcallfunc vectorcall;
+  const MethodRow* row;
+  ModuleState* state;  // of `module`; null once cleared
+  py::Member module;
+  py::Member signature;  // the Python function
+  py::Member names;      // its parameter names
+  std::size_t positional;
+};
+
+NativeMethod* as_method(PyObject* object) { return reinterpret_cast<NativeMethod*>(object); }
+
+/// The boundary between Python and the bodies: everything thrown ends here as a Python error.
+PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_t flags_and_count,
+                      PyObject* keyword_names) noexcept {
+  const NativeMethod& method = *as_method(callable);
+  if (method.state == nullptr) [[unlikely]] {
+    PyErr_Format(PyExc_RuntimeError, "%s() was called after its module was cleared",
+                 method.row->name);
+    return nullptr;
+  }
+  const MethodRow& row = *method.row;
+  const BoundArguments::Signature signature{method.signature.ptr(), method.names.ptr(),
+                                            method.positional, row.parameters};
+  // As in Python, an error of binding the arguments has no frame of the method.
+  const auto run = [&](PyObject* const* bound) -> PyObject* {
+    const Call call(*method.state, row.name, bound[0]);
+    try {
+      return row.invoke(call, bound + 1).release();
+    } catch (...) {
+      const py::ErrorSet error = py::set_error_from_caught();
+      if (!error.traced) call.trace(error.where);
+      return nullptr;
+    }
+  };
+  if (keyword_names == nullptr &&
+      static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count)) == row.parameters &&
+      method.positional == row.parameters)
+    return run(arguments);
+  try {
+    const BoundArguments bound(signature, arguments, flags_and_count, keyword_names);
+    return run(bound.data());
+  } catch (...) {
+    static_cast<void>(py::set_error_from_caught());
+    return nullptr;
+  }
+}
+
+PyObject* bind(PyObject* self, PyObject* object, PyObject* /*type*/) {
+  if (object == nullptr || object == Py_None) return Py_NewRef(self);
+  return PyMethod_New(self, object);
+}
+
+/// The attributes of a Python function that a method shows as its own; what is set, is set there.
+PyObject* get_attribute(PyObject* self, void* name) {
+  const NativeMethod& method = *as_method(self);
+  if (method.signature.empty()) {
+    PyErr_SetString(PyExc_AttributeError, static_cast<const char*>(name));
+    return nullptr;
+  }
+  return PyObject_GetAttrString(method.signature.ptr(), static_cast<const char*>(name));
+}
+
+int set_attribute(PyObject* self, PyObject* value, void* name) {
+  const NativeMethod& method = *as_method(self);
+  if (method.signature.empty()) {
+    PyErr_SetString(PyExc_AttributeError, static_cast<const char*>(name));
+    return -1;
+  }
+  if (value == nullptr)
+    return PyObject_DelAttrString(method.signature.ptr(), static_cast<const char*>(name));
+  return PyObject_SetAttrString(method.signature.ptr(), static_cast<const char*>(name), value);
+}
+
+PyObject* represent(PyObject* self) {
+  return py::guarded([self] {
+    const Owned name = Owned::steal(get_attribute(self, const_cast<char*>("__qualname__")));
+    return Owned::steal(
+        PyUnicode_FromFormat("<function %S at %p>", name.ptr(), static_cast<void*>(self)));
+  });
+}
+
+/// Pickled, and copied, by name, as functions are.
+PyObject* reduce(PyObject* self, PyObject* /*unused*/) {
+  return get_attribute(self, const_cast<char*>("__qualname__"));
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {
+  const NativeMethod& method = *as_method(self);
+  Py_VISIT(Py_TYPE(self));
+  for (const py::Member* member : {&method.module, &method.signature, &method.names})
+    if (const int status = member->traverse(visit, arg)) return status;
+  return 0;
+}
+
+int clear(PyObject* self) {
+  NativeMethod& method = *as_method(self);
+  method.state = nullptr;
+  method.signature.clear();
+  method.names.clear();
+  method.module.clear();
+  return 0;
+}
+
+void dealloc(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  PyObject_ClearWeakRefs(self);
+  clear(self);
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
+  PyObject_GC_Del(self);
+  py::drop(Owned::steal(type));
+}
+
+#define TESSALY_SHOWN(name, setter) \
+  { name, get_attribute, setter, nullptr, const_cast<char*>(name) }
+PyGetSetDef kAttributes[] = {
+    TESSALY_SHOWN("__name__", set_attribute),
+    TESSALY_SHOWN("__qualname__", set_attribute),
+    TESSALY_SHOWN("__module__", set_attribute),
+    TESSALY_SHOWN("__doc__", set_attribute),
+    TESSALY_SHOWN("__annotations__", set_attribute),
+    TESSALY_SHOWN("__defaults__", set_attribute),
+    TESSALY_SHOWN("__kwdefaults__", set_attribute),
+    TESSALY_SHOWN("__type_params__", set_attribute),
+    TESSALY_SHOWN("__dict__", set_attribute),
+    TESSALY_SHOWN("__code__", nullptr),
+    TESSALY_SHOWN("__globals__", nullptr),
+    TESSALY_SHOWN("__builtins__", nullptr),
+    TESSALY_SHOWN("__closure__", nullptr),
+    {},
+};
+#undef TESSALY_SHOWN
+
+/// Any other attribute is one that somebody gave the function.
+PyObject* get_any(PyObject* self, PyObject* name) {
+  PyObject* value = nullptr;
+  const NativeMethod& method = *as_method(self);
+  if (_PyType_Lookup(Py_TYPE(self), name) != nullptr || method.signature.empty())
+    value = PyObject_GenericGetAttr(self, name);
+  else
+    value = PyObject_GetAttr(method.signature.ptr(), name);
+  return value;
+}
+
+int set_any(PyObject* self, PyObject* name, PyObject* value) {
+  const NativeMethod& method = *as_method(self);
+  if (_PyType_Lookup(Py_TYPE(self), name) != nullptr || method.signature.empty())
+    return PyObject_GenericSetAttr(self, name, value);
+  return PyObject_SetAttr(method.signature.ptr(), name, value);
+}
+
+PyMethodDef kMethods[] = {
+    {"__reduce__", reduce, METH_NOARGS, nullptr},
+    {},
+};
+
+PyMemberDef kMembers[] = {
+    {"__vectorcalloffset__", Py_T_PYSSIZET, offsetof(NativeMethod, vectorcall), Py_READONLY,
+     nullptr},
+    {},
+};
+
+template <typename Function>
+void* slot(Function* function) {
+  return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+Owned create_method_type(py::Handle module) {
+  PyType_Slot slots[] = {
+      {Py_tp_call, slot(PyVectorcall_Call)},
+      {Py_tp_descr_get, slot(bind)},
+      {Py_tp_repr, slot(represent)},
+      {Py_tp_getattro, slot(get_any)},
+      {Py_tp_setattro, slot(set_any)},
+      {Py_tp_getset, kAttributes},
+      {Py_tp_methods, kMethods},
+      {Py_tp_members, kMembers},
+      {Py_tp_traverse, slot(traverse)},
+      {Py_tp_clear, slot(clear)},
+      {Py_tp_dealloc, slot(dealloc)},
+      {0, nullptr},
+  };
+  PyType_Spec spec{
+      .name = "tessaly.storage.repository_wiki.native_method",
+      .basicsize = sizeof(NativeMethod),
+      .itemsize = 0,
+      .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+               Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_MANAGED_WEAKREF |
+               Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+      .slots = slots,
+  };
+  return Owned::steal(PyType_FromModuleAndSpec(module.ptr(), &spec, nullptr));
+}
+
+Owned create_method(ModuleState& state, const MethodRow& row, py::Handle module, Owned signature) {
+  auto* type = reinterpret_cast<PyTypeObject*>(state.method_type.ptr());
+  auto* code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(signature.ptr()));
+  Owned names = Owned::steal(PyCode_GetVarnames(code));
+  Owned made = Owned::steal(type->tp_alloc(type, 0));
+  NativeMethod& method = *as_method(made.ptr());
+  method.vectorcall = call_method;
+  method.row = &row;
+  method.state = &state;
+  method.positional = static_cast<std::size_t>(code->co_argcount);
+  method.module.set(Owned::borrow(module));
+  method.names.set(std::move(names));
+  method.signature.set(std::move(signature));
+  return made;
+}
+
+}  // namespace tessaly

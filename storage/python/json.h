@@ -1,0 +1,82 @@
+#pragma once
+
+#include <Python.h>
+
+#include "python/objects.h"
+#include "python/reference.h"
+
+/// `json.dumps(value)` and `json.loads(text)` without the detour through the Python functions, as
+/// long as the outcome is certain to be the same. `encode` and `decode` decline (nothing, no error
+/// set) whatever they are not sure of; Json decides when they may be asked at all.
+namespace tessaly::py::json {
+
+/// The text that `json.dumps(value)` returns, for a value made of exact built-in types. Declines
+/// subclasses, keys that are not str, floats that are not finite, integers beyond 64 bits and
+/// nesting deeper than kDeepest. Runs no Python code. Throws on exhausted memory only.
+std::optional<Owned> encode(Handle value);
+
+/// Keys of decoded objects that came up before, so that equal keys are one object whose hash is
+/// known, as they are within one document of the real decoder.
+class KeyCache {
+ public:
+  KeyCache() = default;
+  KeyCache(const KeyCache&) = delete;
+  KeyCache& operator=(const KeyCache&) = delete;
+
+  /// The str of an ASCII key of 1 to kLongest characters.
+  Owned get(const char* key, Py_ssize_t size);
+  void clear() noexcept;
+
+  static constexpr Py_ssize_t kLongest = 24;
+
+ private:
+  std::array<Member, 64> keys_;
+};
+
+/// The value that `json.loads(text)` returns, for an exact str. Declines everything malformed (the
+/// real function words the error), NaN and the infinities, integers of more than 18 digits and
+/// nesting deeper than kDeepest. Runs no Python code. Throws on exhausted memory only.
+std::optional<Owned> decode(Handle text, KeyCache& keys);
+
+inline constexpr int kDeepest = 60;
+
+}  // namespace tessaly::py::json
+
+namespace tessaly::py {
+
+/// One function of the standard json module and what it must still be made of to be the genuine
+/// one: its code, its keyword defaults and the module's shared coder object.
+struct GenuineJsonFunction {
+  Member function, code, keyword_defaults, namespace_, coder_name, coder;
+
+  /// Remembers the function if it is the standard library's own; otherwise stays empty.
+  void capture(Handle module, const char* name, const char* coder_attribute);
+  [[nodiscard]] bool is_genuine(Handle candidate) const noexcept;
+  [[nodiscard]] int traverse(visitproc visit, void* arg) const;
+  void clear() noexcept;
+};
+
+/// The calls of the json module. `dumps` and `loads` take the function that the caller read, and
+/// call it unless it is the genuine one and the shortcut is sure of the outcome.
+class Json {
+ public:
+  void capture(Handle module);
+
+  [[nodiscard]] bool is_genuine_dumps(Handle function) const noexcept {
+    return dumps_.is_genuine(function);
+  }
+  Owned dumps(Target function, Handle value);
+  Owned loads(Target function, Handle text);
+
+  [[nodiscard]] Handle module() const noexcept { return module_.ptr(); }
+  [[nodiscard]] int traverse(visitproc visit, void* arg) const;
+  void clear() noexcept;
+
+ private:
+  Member module_;
+  GenuineJsonFunction dumps_;
+  GenuineJsonFunction loads_;
+  json::KeyCache keys_;
+};
+
+}  // namespace tessaly::py

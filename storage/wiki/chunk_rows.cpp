@@ -1,0 +1,92 @@
+#include "wiki/chunk_rows.h"
+
+namespace tessaly::wiki {
+
+using py::Owned;
+
+namespace {
+
+struct ChunkRows {
+  PyObject_HEAD py::Member rows;  // an iterator; empty at the end
+};
+
+ChunkRows* as_chunk_rows(PyObject* object) { return reinterpret_cast<ChunkRows*>(object); }
+
+Owned triple(py::Handle row) {
+  Owned id = py::to_int(py::item(row, 0));
+  Owned heading = py::item(row, 2);
+  return py::tuple(std::move(id), std::move(heading), py::to_str(py::item(row, 3)));
+}
+
+/// Like a generator: an error ends it, and a StopIteration from below is an error.
+PyObject* next(PyObject* self) {
+  ChunkRows& chunk_rows = *as_chunk_rows(self);
+  if (chunk_rows.rows.empty()) return nullptr;
+  const Owned rows = Owned::borrow(chunk_rows.rows);
+  PyObject* made = nullptr;
+  if (PyObject* row = PyIter_Next(rows.ptr())) {
+    made = py::guarded([row] { return triple(Owned::steal(row)); });
+    if (made == nullptr && PyErr_ExceptionMatches(PyExc_StopIteration)) {
+      PyObject* stop = PyErr_GetRaisedException();
+      PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
+      PyObject* error = PyErr_GetRaisedException();
+      PyException_SetCause(error, Py_NewRef(stop));
+      PyException_SetContext(error, stop);
+      PyErr_SetRaisedException(error);
+    }
+  }
+  if (made == nullptr) chunk_rows.rows.clear();
+  return made;
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  return as_chunk_rows(self)->rows.traverse(visit, arg);
+}
+
+int clear(PyObject* self) {
+  as_chunk_rows(self)->rows.clear();
+  return 0;
+}
+
+void dealloc(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  clear(self);
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
+  PyObject_GC_Del(self);
+  py::drop(Owned::steal(type));
+}
+
+template <typename Function>
+void* slot(Function* function) {
+  return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+Owned create_chunk_rows_type(py::Handle module) {
+  PyType_Slot slots[] = {
+      {Py_tp_iter, slot(PyObject_SelfIter)}, {Py_tp_iternext, slot(next)},
+      {Py_tp_traverse, slot(traverse)},      {Py_tp_clear, slot(clear)},
+      {Py_tp_dealloc, slot(dealloc)},        {0, nullptr},
+  };
+  PyType_Spec spec{
+      .name = "tessaly.storage.repository_wiki.chunk_rows",
+      .basicsize = sizeof(ChunkRows),
+      .itemsize = 0,
+      .flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
+               Py_TPFLAGS_DISALLOW_INSTANTIATION,
+      .slots = slots,
+  };
+  return Owned::steal(PyType_FromModuleAndSpec(module.ptr(), &spec, nullptr));
+}
+
+Owned make_chunk_rows(const ModuleState& state, py::Target rows) {
+  auto* type = reinterpret_cast<PyTypeObject*>(state.chunk_rows_type.ptr());
+  Owned iterator = Owned::steal(PyObject_GetIter(rows.ptr()), rows.where);
+  Owned made = Owned::steal(type->tp_alloc(type, 0), rows.where);
+  as_chunk_rows(made.ptr())->rows.set(std::move(iterator));
+  return made;
+}
+
+}  // namespace tessaly::wiki

@@ -1,0 +1,25 @@
+#!/bin/sh
+# Builds the wiki of a tree and asks it: what `make demo` runs.
+# usage: BUILD=build PYTHON=python3.13 tools/demo.sh [TREE] [QUESTION]
+set -eu
+
+tree=${1:-.}
+mkdir -p "$BUILD/demo"
+name=$(cd "$tree" && basename "$PWD")
+database="$BUILD/demo/$name.db"
+demo() { PYTHONPATH="$BUILD/python" "$PYTHON" -P -m demo "$@"; }
+ask() {
+    echo
+    demo search "$1" "$tree" --db "$database" --top 3
+}
+
+demo build "$tree" --db "$database"
+if [ -n "${2:-}" ]; then
+    ask "$2"
+else
+    ask "how is a failed transaction rolled back"
+    ask "reciprocal rank fusion of meaning and words"
+    ask "where are borrowed references turned into owned ones"
+fi
+echo
+demo status "$tree" --db "$database"
