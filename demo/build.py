@@ -10,6 +10,7 @@ from __future__ import annotations
 import time
 from dataclasses import dataclass, field
 from hashlib import blake2b
+from pathlib import Path
 from typing import Any
 
 from demo.draft import FORMAT, BuildCache, Draft, draft_page, embedding_text
@@ -60,6 +61,12 @@ class Result:
     seconds: float
 
 
+def require_sources(root: Path) -> None:
+    """UserError when a tree has nothing to build from; a wiki of it is better left as it is."""
+    if not any(read_source(root, path) for path in source_paths(root, checkout(root))):
+        raise UserError(f"no source or Markdown file under {root}; nothing was changed")
+
+
 class Interrupted(Exception):
     """The user stopped the build; every page stored so far is whole."""
 
@@ -106,13 +113,10 @@ def is_current(page: dict[str, Any] | None, digest: str) -> bool:
 def build(wiki: Wiki, embedder: Embedder, progress: Progress) -> Result:
     """Brings the wiki up to date with the tree.
 
-    UserError when the tree has no source at all (the wiki is left as it is) or the embedder fails;
-    Interrupted when the user stops it.
+    UserError when the embedder fails, Interrupted when the user stops it.
     """
     began = time.monotonic()
     plan = make_plan(wiki, embedder.model, progress)
-    if not plan.files:
-        raise UserError(f"no source or Markdown file under {wiki.root}; nothing was changed")
     work = _Work(wiki, embedder, progress, plan)
     try:
         work.run()

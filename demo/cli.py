@@ -10,14 +10,14 @@ import sys
 from collections.abc import Sequence
 
 from demo.answers import answer, prompt
-from demo.build import Interrupted, Result, build
+from demo.build import Interrupted, Result, build, require_sources
 from demo.embedder import load_embedder
 from demo.errors import UserError
 from demo.listing import path_in_tree, print_page, print_pages, print_status
 from demo.refresh import Refreshed, refresh
 from demo.search import Searcher
 from demo.show import Progress, duration, plural
-from demo.wiki import built_wiki, wiki_to_build
+from demo.wiki import built_wiki, folder, wiki_to_build
 
 PROGRAM = "python -m demo"
 
@@ -133,6 +133,7 @@ def _count(text: str) -> int:
 def _run(options: argparse.Namespace) -> None:
     if options.command == "build":
         embedder = load_embedder(options.embedder)
+        require_sources(folder(options.repo))
         with wiki_to_build(options.repo, options.db, options.branch) as wiki:
             _print_result(build(wiki, embedder, Progress()))
             if options.db is None:

@@ -9,15 +9,18 @@ from hashlib import blake2b
 from pathlib import PurePosixPath
 from typing import Any
 
-from demo.languages import MARKDOWN, PYTHON, RST
+from demo.languages import LICENCE, MARKDOWN, PYTHON, RST
 from demo.sections import Outline, Section, outline
+from demo.show import plural
 from demo.source_tree import Source
 
 FORMAT = 1  # raise it when drafting changes, so that the next build drafts every page anew
 
 _TEST = re.compile(r"(?:^|/)(?:tests?|testing|examples?|idlelib/idle_test)/|(?:^|/)test_|_test\.\w+$")
+_COMMENT_STARTS = ("#", "//", "/*", "*", "--", ";")
+_DIRECTIVE = re.compile(r"#\s*(?:include|pragma|define|if|else|endif|undef|error|import)")
 _ENTRY = frozenset("__main__ main cli app index mod lib".split())
-_LICENCE = re.compile(r"copyright|licen[cs]e|SPDX|-\*-|all rights reserved|coding[:=]|^!", re.IGNORECASE)
+_MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*")
 
 
 @dataclass(frozen=True, slots=True)
@@ -81,7 +84,7 @@ def draft_page(source: Source) -> Draft:
         "symbols": cut.symbols[:200],
         "citations": [_citation(source.path, section) for section in cut.sections],
         "content_hash": content_hash(chunk["content"] for chunk in chunks),
-        "summary": f"{source.language.name}, {len(cut.lines)} lines",
+        "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
         "build_cache": cache.dump(),
         "page_type": "document" if document else "source",
     }
@@ -152,23 +155,22 @@ def _first_paragraph(lines: list[str]) -> str:
 
 
 def _leading_comment(lines: list[str]) -> str:
-    """The first paragraph of the comment a file begins with that is not about its licence."""
+    """The first paragraph of comment near the top of a file; nothing about its licence."""
     paragraph: list[str] = []
+    licence = False  # the rest of a comment that speaks of it is skipped
     for line in lines[:80]:
         stripped = line.strip()
-        if stripped and not stripped.startswith(("#", "//", "/*", "*", "--", ";")):
-            break
-        if stripped.startswith(("#include", "#ifndef", "#define", "#pragma")):
-            break
-        words = stripped.strip("#/*-;! \t")
+        comment = stripped.startswith(_COMMENT_STARTS) and not _DIRECTIVE.match(stripped)
+        words = _MODE_LINE.sub("", stripped).strip("#/*-=;! \t") if comment else ""
         if words:
             paragraph.append(words)
-        elif paragraph and not _LICENCE.search(" ".join(paragraph)):
+            licence = licence or bool(LICENCE.search(words))
+        elif paragraph and not licence:
             break
         else:
             paragraph.clear()
-    found = " ".join(paragraph)
-    return "" if _LICENCE.search(found) else found
+            licence = licence and comment
+    return "" if licence else " ".join(paragraph)
 
 
 def _importance(path: str, cut: Outline) -> str:

@@ -9,24 +9,35 @@ from pathlib import PurePosixPath
 
 @dataclass(frozen=True, slots=True)
 class Language:
-    """A kind of file. ``definition`` matches the first line of one and holds its ``name``."""
+    """A kind of file.
+
+    ``definition`` matches where one begins, given that line and the next; its one group that
+    matched is the name. ``above`` matches lines that belong to a definition below them.
+    """
 
     name: str
     definition: re.Pattern[str] | None = None
-    comment: str = "#"
+    above: re.Pattern[str] = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
 
+
+LICENCE = re.compile(
+    r"copyright|licen[cs]e|warranty|SPDX|all rights reserved|\bGPL\b", re.IGNORECASE
+)
 
 _MODIFIERS = (
     r"(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|data|"
     r"partial|virtual|async|default|export|inline|unsafe|extern|readonly)\s+)*"
 )
 _C = re.compile(
-    r"^(?:template\s*<.*>\s*)?(?:typedef\s+)?(?:class|struct|union|enum(?:\s+class)?|concept)\s+"
-    r"(?:\w+\s+)*?(?P<name>\w+)[^;]*$"
-    r"|^#\s*define\s+(?P<macro>\w+)\(.*\\$"
-    r"|^(?!return\b|else\b|if\b|for\b|while\b|switch\b|namespace\b|using\b|#|case\b|goto\b|extern \")"
-    r"[A-Za-z_][\w:<>,*&\s\[\]]*?\b(?P<function>[\w:~]+(?:operator\s*\S+?)?)\s*\([^;]*$"
+    r"[ ]{0,4}(?:template\s*<.*>\s*)?(?:typedef\s+)?"
+    r"(?:class|struct|union|enum(?:[ ]+class)?|concept)[ ]+(?:\w+[ ]+)*?(?P<name>\w+)[^;()\n]*$"
+    r"|#[ ]*define[ ]+(?P<macro>\w+)\(.*\\$"
+    r"|(?!\s*(?:return|else|if|for|while|switch|namespace|using|case|goto|do|catch)\b|extern \")"
+    r"(?:(?:[A-Za-z_][\w:<>,*& \[\]]*?[ *&>])?(?P<function>~?[A-Za-z_][\w:~]*)[ ]*\([^;\n]*$"
+    r"|[ ]{1,4}(?P<member>~?[A-Za-z_][\w:~]*)[ ]*\([^;\n]*\)[^;\n]*\n\s*[{:])",
+    re.MULTILINE,
 )
+_ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!.*[;{}]$)")
 _SCRIPT = re.compile(
     r"^(?:export\s+)?(?:default\s+)?(?:declare\s+)?(?:abstract\s+)?(?:async\s+)?"
     r"(?:function\*?|class|interface|enum|namespace|type|const|let|var)\s+(?P<name>[\w$]+)"
@@ -34,7 +45,7 @@ _SCRIPT = re.compile(
 _JAVA = re.compile(
     rf"^\s{{0,4}}{_MODIFIERS}(?:class|interface|enum|record|@interface|object|trait|struct|"
     r"protocol|extension|fun|func|function|def)\s+(?P<name>\w[\w.<>]*)"
-    r"|^\s{4}(?:public|private|protected|internal)\s[^=;]*?\b(?P<method>\w+)\s*\([^;]*$"
+    r"|^\s{4}(?:public|private|protected|internal)\s[^=;\n]*?\b(?P<method>\w+)\s*\([^;\n]*$"
 )
 _GO = re.compile(r"^(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)")
 _RUST = re.compile(
@@ -58,7 +69,7 @@ _CYTHON = re.compile(r"^(?:def|cdef|cpdef|class|async def)\s+(?:[\w*]+\s+)*?(?P<
 PYTHON = Language("Python")
 MARKDOWN = Language("Markdown")
 RST = Language("reStructuredText")
-_CPP = Language("C++", _C, "//")
+_CPP = Language("C++", _C, _ABOVE_C)
 _SH = Language("shell", _SHELL)
 _MAKEFILE = Language("make", _MAKE)
 _CMAKE_FILE = Language("CMake", _CMAKE)
@@ -68,24 +79,25 @@ for _suffixes, _language in (
     ("py pyi pyw", PYTHON),
     ("md markdown mdx", MARKDOWN),
     ("rst", RST),
-    ("c h", Language("C", _C, "//")),
+    ("c", Language("C", _C, _ABOVE_C)),
+    ("h", Language("C or C++ header", _C, _ABOVE_C)),
     ("cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu cuh", _CPP),
-    ("m mm", Language("Objective-C", _C, "//")),
-    ("js mjs cjs jsx", Language("JavaScript", _SCRIPT, "//")),
-    ("ts mts cts tsx", Language("TypeScript", _SCRIPT, "//")),
-    ("go", Language("Go", _GO, "//")),
-    ("rs", Language("Rust", _RUST, "//")),
-    ("java", Language("Java", _JAVA, "//")),
-    ("kt kts", Language("Kotlin", _JAVA, "//")),
-    ("cs", Language("C#", _JAVA, "//")),
-    ("scala", Language("Scala", _JAVA, "//")),
-    ("swift", Language("Swift", _JAVA, "//")),
-    ("php", Language("PHP", _JAVA, "//")),
+    ("m mm", Language("Objective-C", _C, _ABOVE_C)),
+    ("js mjs cjs jsx", Language("JavaScript", _SCRIPT)),
+    ("ts mts cts tsx", Language("TypeScript", _SCRIPT)),
+    ("go", Language("Go", _GO)),
+    ("rs", Language("Rust", _RUST)),
+    ("java", Language("Java", _JAVA)),
+    ("kt kts", Language("Kotlin", _JAVA)),
+    ("cs", Language("C#", _JAVA)),
+    ("scala", Language("Scala", _JAVA)),
+    ("swift", Language("Swift", _JAVA)),
+    ("php", Language("PHP", _JAVA)),
     ("rb", Language("Ruby", _RUBY)),
     ("sh bash zsh", _SH),
     ("pl pm", Language("Perl", _PERL)),
-    ("lua", Language("Lua", _LUA, "--")),
-    ("sql", Language("SQL", _SQL, "--")),
+    ("lua", Language("Lua", _LUA)),
+    ("sql", Language("SQL", _SQL)),
     ("pyx pxd", Language("Cython", _CYTHON)),
     ("mk", _MAKEFILE),
     ("cmake", _CMAKE_FILE),
@@ -106,7 +118,7 @@ _BY_FIRST_LINE = (
     (re.compile(rb"^#!.*\b(?:ba|da|k|z)?sh\b"), _SH),
     (re.compile(rb"^#!.*\bperl\b"), Language("Perl", _PERL)),
     (re.compile(rb"^#!.*\bruby\b"), Language("Ruby", _RUBY)),
-    (re.compile(rb"^#!.*\bnode\b"), Language("JavaScript", _SCRIPT, "//")),
+    (re.compile(rb"^#!.*\bnode\b"), Language("JavaScript", _SCRIPT)),
 )
 
 

@@ -9,13 +9,15 @@ from __future__ import annotations
 import re
 from dataclasses import dataclass, field
 
-from demo.languages import MARKDOWN, PYTHON, RST, Language
+from demo.languages import LICENCE, MARKDOWN, PYTHON, RST, Language
 from demo.python_marks import python_marks
 
 MERGE_LINES = 30  # neighbours are merged while they fit into this
 TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
 SPLIT_LINES = 100  # a section longer than this is split
 BLOCK_LINES = 60  # into parts of about this
+
+_HEADING = "heading"  # the group of the sections of a document
 
 
 @dataclass(frozen=True, slots=True)
@@ -87,9 +89,9 @@ def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
         elif opening and not underlined:
             fence = opening[1]
         elif not underlined and (found := re.match(r"#{1,6}\s+(.*?)\s*#*\s*$", line)):
-            marks.append(Mark(number, _plain(found[1]) or "untitled", "heading"))
+            marks.append(Mark(number, _plain(found[1]) or "untitled", _HEADING))
         elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
-            marks.append(Mark(number - 1, _plain(lines[number - 2]), "heading"))
+            marks.append(Mark(number - 1, _plain(lines[number - 2]), _HEADING))
     return marks
 
 
@@ -106,7 +108,6 @@ _IMPORT = re.compile(
     r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
     r"|include|source|module|'use strict'|\"use strict\")\b"
 )
-_COMMENT = re.compile(r"\s*(?:#(?!include|define|if|endif|pragma|else)|//|/?\*|--|@|template\b|;)")
 
 
 def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
@@ -114,12 +115,15 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     assert language.definition is not None
     marks: list[Mark] = []
     above = 1  # no comment above this line belongs to the next definition
+    notice = _notice_lines(lines, language)
     for number, line in enumerate(lines, 1):
-        found = language.definition.match(line)
+        if number <= notice:
+            continue
+        found = language.definition.match("\n".join(lines[number - 1 : number + 1]))
         if found is not None:
             name = next(group for group in found.groups() if group)
             start = number
-            while start > above and _COMMENT.match(lines[start - 2]):
+            while start > above and language.above.match(lines[start - 2]):
                 start -= 1
             marks.append(Mark(start, name, "", True))
             above = number + 1
@@ -128,6 +132,12 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
             if not marks or (marks[-1].heading is None) != (heading is None):
                 marks.append(Mark(number, heading, "overview"))
     return _in_order(marks)
+
+
+def _notice_lines(lines: list[str], language: Language) -> int:
+    """How many lines at the top are a comment about the file's licence: nothing to search for."""
+    count = next((n for n, line in enumerate(lines) if not language.above.match(line)), len(lines))
+    return count if LICENCE.search("\n".join(lines[:count])) else 0
 
 
 def _in_order(marks: list[Mark]) -> list[Mark]:
@@ -159,11 +169,7 @@ def _merged(sections: list[Section]) -> list[Section]:
     merged: list[Section] = []
     for section in sections:
         last = merged[-1] if merged else None
-        if (
-            last is not None
-            and last.group == section.group
-            and (section.end - last.start < MERGE_LINES or last.end - last.start < TINY_LINES)
-        ):
+        if last is not None and last.group == section.group and _joins(last, section):
             heading = last.heading
             if section.heading not in heading.split(", ") and len(heading) < 60:
                 heading = f"{heading}, {section.heading}"
@@ -171,6 +177,13 @@ def _merged(sections: list[Section]) -> list[Section]:
         else:
             merged.append(section)
     return merged
+
+
+def _joins(last: Section, section: Section) -> bool:
+    lines = last.end - last.start + 1
+    if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
+        return lines <= 2
+    return lines <= TINY_LINES or section.end - last.start < MERGE_LINES
 
 
 def _split(section: Section, lines: list[str]) -> list[Section]:

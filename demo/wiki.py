@@ -39,15 +39,15 @@ class Wiki:
 def default_database(root: Path) -> Path:
     """Where the wiki of a tree lies unless told otherwise: in the user's cache, not in the tree."""
     cache = os.environ.get("XDG_CACHE_HOME")
-    folder = Path(cache) if cache else Path.home() / ".cache"
+    caches = Path(cache) if cache else Path.home() / ".cache"
     digest = blake2b(os.fsencode(root), digest_size=5).hexdigest()
-    return folder / "tessaly-wiki" / f"{root.name or 'root'}-{digest}.db"
+    return caches / "tessaly-wiki" / f"{root.name or 'root'}-{digest}.db"
 
 
 @contextmanager
 def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wiki]:
     """The wiki of the tree ``repo``; its database file is created when there is none."""
-    root = _folder(repo)
+    root = folder(repo)
     chosen = _valid(branch) or branch_of(root) or "main"
     path = Path(db) if db else default_database(root)
     if db is None:
@@ -65,7 +65,7 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
 @contextmanager
 def built_wiki(repo: str | None, db: str | None, branch: str | None) -> Iterator[Wiki]:
     """A wiki that was built before; UserError when there is none."""
-    root = _folder(repo) if repo else None
+    root = folder(repo) if repo else None
     path = Path(db) if db else _nearest_database(root)
     if not path.exists():
         raise UserError(f"no wiki at {path}: make one with 'build'")
@@ -96,7 +96,8 @@ def _opened(path: Path) -> Iterator[Repository]:
         database.close()
 
 
-def _folder(repo: str) -> Path:
+def folder(repo: str) -> Path:
+    """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
     if not root.exists():
         raise UserError(f"there is no folder {repo}")
@@ -116,9 +117,9 @@ def _nearest_database(root: Path | None) -> Path:
     if root is not None:
         return default_database(root)
     here = Path.cwd()
-    for folder in (here, *here.parents):
-        if default_database(folder).exists():
-            return default_database(folder)
+    for place in map(default_database, (here, *here.parents)):
+        if place.exists():
+            return place
     raise UserError(f"no wiki of {here} or a folder above it: make one with 'build', or give --db")
 
 
