@@ -37,7 +37,7 @@ class Plan:
     reembed: set[str] = field(default_factory=set)
     unchanged: int = 0
     gone: list[str] = field(default_factory=list)
-    added: int = 0
+    added: set[str] = field(default_factory=set)  # paths among the sources that have no page yet
     manifest: str = ""
     commit: str | None = None
 
@@ -91,7 +91,8 @@ def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Plan:
         page = pages.pop(path, None)
         if not is_current(page, source.digest):
             plan.sources.append(Source(path, source.language, b"", source.digest))
-            plan.added += page is None
+            if page is None:
+                plan.added.add(path)
         elif model is not None and page is not None and page["model"] != model:
             plan.reembed.add(path)
         else:

@@ -144,6 +144,8 @@ def _run(options: argparse.Namespace) -> None:
         if options.command == "search":
             assert embedder is not None
             searcher = Searcher(wiki, embedder)
+            if (note := searcher.note()) is not None:
+                print(f"{PROGRAM}: {note}", file=sys.stderr)
             if options.question:
                 answer(searcher, " ".join(options.question), options.top, options.json)
             else:

@@ -17,7 +17,7 @@ from demo.embedder import Embedder
 from demo.errors import UserError
 from demo.git import checkout
 from demo.search import mismatch
-from demo.show import Progress, Style, cut, duration, plural, width
+from demo.show import Progress, Style, cut, plural, width
 from demo.wiki import Wiki
 
 _SHOWN_CHANGES = 10
@@ -96,7 +96,8 @@ def print_status(wiki: Wiki, embedder: Embedder, progress: Progress, as_json: bo
         "chunks": sum(len(cache.sections) for cache in caches if cache),
         "unfinished": unfinished,
         "counted_changes": state.get("changed_since_build", 0),
-        "changed": [source.path for source in plan.sources],
+        "changed": [one.path for one in plan.sources if one.path not in plan.added],
+        "new": sorted(plan.added),
         "gone": plan.gone,
         "problem": problem,
     }
@@ -122,13 +123,13 @@ def _print_facts(facts: dict[str, Any], plan: Plan, size: int) -> None:
     ]
     for name, value in rows:
         print(f"{style.dim(name.ljust(11))} {value}")
-    changed = [f"changed  {path}" for path in facts["changed"]]
-    changed += [f"gone     {path}" for path in facts["gone"]]
+    kinds = ("changed", "new", "gone")
+    changed = [f"{kind:<8} {path}" for kind in kinds for path in facts[kind]]
     for line in changed[:_SHOWN_CHANGES]:
         print(f"  {cut(line, width() - 2)}")
     if len(changed) > _SHOWN_CHANGES:
         print(f"  and {len(changed) - _SHOWN_CHANGES:,} more")
-    print(style.bold(facts["problem"] or _verdict(plan)))
+    print(style.bold(facts["problem"] or _verdict(plan, built is None)))
 
 
 def _embeddings(facts: dict[str, Any]) -> str:
@@ -139,13 +140,16 @@ def _embeddings(facts: dict[str, Any]) -> str:
 def _changes(plan: Plan, facts: dict[str, Any]) -> str:
     if not plan.waiting:
         return "nothing changed"
-    parts = [(len(plan.sources) - plan.added, "changed"), (plan.added, "new"), (len(plan.gone), "gone")]
+    added = len(plan.added)
+    parts = [(len(plan.sources) - added, "changed"), (added, "new"), (len(plan.gone), "gone")]
     return ", ".join(f"{count:,} {what}" for count, what in parts if count) + (
         f" ({facts['counted_changes']:,} counted)"
     )
 
 
-def _verdict(plan: Plan) -> str:
+def _verdict(plan: Plan, unfinished: bool) -> str:
+    if unfinished:
+        return "the first build was stopped: 'build' continues it"
     if not plan.waiting:
         return "up to date"
     return "'refresh' moves what only shifted, 'build' does the rest"
@@ -153,7 +157,8 @@ def _verdict(plan: Plan) -> str:
 
 def _ago(built: str) -> str:
     then = datetime.strptime(built, "%Y-%m-%d %H:%M:%S").replace(tzinfo=UTC)
-    hours, seconds = divmod(max(0.0, time.time() - then.timestamp()), 3600)
-    if hours >= 48:
-        return f"{int(hours // 24)} days ago"
-    return f"{int(hours)} h ago" if hours else f"{duration(float(int(seconds) or 1))} ago"
+    seconds = max(0, int(time.time() - then.timestamp()))
+    for unit, length in (("day", 86400), ("hour", 3600), ("minute", 60)):
+        if seconds >= 2 * length:
+            return f"{plural(seconds // length, unit)} ago"
+    return f"{plural(seconds, 'second')} ago"

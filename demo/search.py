@@ -8,6 +8,7 @@ from typing import Any
 from demo.embedder import Embedder
 from demo.errors import UserError
 from demo.hashed_features import search_terms, stem, word_parts
+from demo.show import plural
 from demo.wiki import Wiki
 
 
@@ -55,6 +56,13 @@ class Searcher:
             vector, self._wiki.branch, top_k, terms=search_terms(question)
         )
         return [_hit(record) for record in records]
+
+    def note(self) -> str | None:
+        """What the user should know of the answers: None, or that files are still missing."""
+        if self._built is None or self._built["last_built_at"] is not None:
+            return None
+        missing = plural(self._built["changed_since_build"], "file")
+        return f"the first build was stopped; up to {missing} may be missing"
 
     def _state(self) -> dict[str, Any] | None:
         return self._wiki.repository.get_wiki_state(self._wiki.branch)
