@@ -10,7 +10,7 @@ database="$BUILD/demo/$name.db"
 demo() { PYTHONPATH="$BUILD/python" "$PYTHON" -P -m demo "$@"; }
 ask() {
     echo
-    demo search "$1" "$tree" --db "$database" --top 3
+    demo search "$1" --repo "$tree" --db "$database" --top 3
 }
 
 demo build "$tree" --db "$database"
