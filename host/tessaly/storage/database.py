@@ -14,65 +14,73 @@ from typing import Any
 from tessaly.storage.schema import TABLES, absent_tables, create_tables
 
 
-class _Connection(sqlite3.Connection):
-    """A connection that is closed with its last user.
+class _Session:
+    """A connection, closed when its last user goes.
 
     ``lock`` is held by whoever runs a statement: over a block for a transaction. It is contended
     only where threads share the connection, and it keeps ``Database.close`` out of running
     statements.
     """
 
-    lock: threading.RLock
+    __slots__ = ("__weakref__", "connection", "lock")
+
+    def __init__(self, connection: sqlite3.Connection) -> None:
+        self.connection = connection
+        self.lock = threading.RLock()
 
     def __del__(self) -> None:
-        self.close()
+        # The connection itself would wait for the garbage collector: its statement cache refers
+        # back to it.
+        self.connection.close()
 
 
 class Transaction:
     """One block that takes effect whole or not at all; made by ``Database.transaction``."""
 
-    __slots__ = ("_connection",)
+    __slots__ = ("_session",)
 
-    def __init__(self, connection: _Connection) -> None:
-        self._connection = connection
+    def __init__(self, session: _Session) -> None:
+        self._session = session
 
     def __enter__(self) -> sqlite3.Cursor:
-        connection = self._connection
-        connection.lock.acquire()
+        session = self._session
+        session.lock.acquire()
         try:
-            if not connection.in_transaction:
+            if not session.connection.in_transaction:
                 # The write lock is taken at once: a block that reads and then writes can never
                 # find at its first write that another process was there in between.
-                return connection.execute("BEGIN IMMEDIATE")
+                return session.connection.execute("BEGIN IMMEDIATE")
         except BaseException:
             try:
                 self._undo()
             finally:
-                connection.lock.release()
+                session.lock.release()
             raise
-        connection.lock.release()
+        session.lock.release()
         raise RuntimeError("a transaction of this thread is open already: blocks do not nest")
 
     def __exit__(self, kind: Any, error: Any, traceback: Any) -> bool:
+        session = self._session
         try:
             if kind is None:
                 try:
-                    self._connection.execute("COMMIT")
+                    session.connection.execute("COMMIT")
                 except BaseException:
                     self._undo()
                     raise
             else:
                 self._undo()
         finally:
-            self._connection.lock.release()
+            session.lock.release()
         return False
 
     def _undo(self) -> None:
         # After some errors (a full disk) SQLite has rolled back by itself; a connection that was
         # closed inside the block has, too, and its own error must not hide the first one.
+        connection = self._session.connection
         try:
-            if self._connection.in_transaction:
-                self._connection.execute("ROLLBACK")
+            if connection.in_transaction:
+                connection.execute("ROLLBACK")
         except sqlite3.ProgrammingError:
             pass
 
@@ -99,27 +107,27 @@ class Database:
         self._busy_timeout = busy_timeout
         self._lock = threading.Lock()
         self._closed = False
-        self._connections: weakref.WeakSet[_Connection] = weakref.WeakSet()
+        self._sessions: weakref.WeakSet[_Session] = weakref.WeakSet()
         in_memory = self.path == ":memory:"
         if not in_memory:
             self.path = _database_path(self.path)
         self._own: Any = types.SimpleNamespace() if in_memory else threading.local()
         try:
-            connection = self._connect(self.path, uri=False)
+            session = self._connect(self.path, uri=False)
             try:
-                absent = absent_tables(connection)
+                absent = absent_tables(session.connection)
                 if not in_memory:
-                    _log_ahead(connection, time.monotonic() + busy_timeout)
+                    _log_ahead(session.connection, time.monotonic() + busy_timeout)
                 if absent:
-                    create_tables(connection)
+                    create_tables(session.connection)
             except BaseException:
-                connection.close()
+                session.connection.close()
                 raise
         except sqlite3.DatabaseError as error:
             raise type(error)(f"cannot open the database {self.path}: {error}") from error
         except ValueError as error:
             raise ValueError(f"cannot use the database {self.path}: {error}") from error
-        self._own.connection = connection
+        self._own.session = session
 
     def transaction(self) -> Transaction:
         """A context manager whose entry yields the cursor to run the block's statements on.
@@ -128,19 +136,19 @@ class Database:
         commit itself fails; the exception goes on. Entering a second block in one thread is a
         ``RuntimeError``.
         """
-        return Transaction(self._connection())
+        return Transaction(self._session())
 
     def fetchone(self, statement: str, parameters: tuple[Any, ...] = ()) -> tuple[Any, ...] | None:
         """The first row, or None. Sees what is committed, and the open block of this thread."""
-        connection = self._connection()
-        with connection.lock:
-            return connection.execute(statement, parameters).fetchone()
+        session = self._session()
+        with session.lock:
+            return session.connection.execute(statement, parameters).fetchone()
 
     def fetchall(self, statement: str, parameters: tuple[Any, ...] = ()) -> list[tuple[Any, ...]]:
         """All rows. Sees what is committed, and the open block of this thread."""
-        connection = self._connection()
-        with connection.lock:
-            return connection.execute(statement, parameters).fetchall()
+        session = self._session()
+        with session.lock:
+            return session.connection.execute(statement, parameters).fetchall()
 
     def index_generation(self) -> int:
         """A number that changes with every ``replace_index``, whichever process makes it."""
@@ -195,15 +203,15 @@ class Database:
         """
         with self._lock:
             self._closed = True
-            connections = list(self._connections)
+            sessions = list(self._sessions)
         deadline = time.monotonic() + self._busy_timeout
-        for connection in connections:
-            if not connection.lock.acquire(timeout=max(0.0, deadline - time.monotonic())):
+        for session in sessions:
+            if not session.lock.acquire(timeout=max(0.0, deadline - time.monotonic())):
                 raise sqlite3.OperationalError("cannot close: another thread's transaction is open")
             try:
-                connection.close()
+                session.connection.close()
             finally:
-                connection.lock.release()
+                session.lock.release()
 
     def __enter__(self) -> Database:
         return self
@@ -211,36 +219,36 @@ class Database:
     def __exit__(self, *_exception: object) -> None:
         self.close()
 
-    def _connection(self) -> _Connection:
+    def _session(self) -> _Session:
         try:
-            return self._own.connection
+            return self._own.session
         except AttributeError:
             # A file that has vanished since is an error here, not a reason for an empty one.
-            connection = self._connect(_uri(self.path, "rw"), uri=True)
-            self._own.connection = connection
-            return connection
+            session = self._connect(_uri(self.path, "rw"), uri=True)
+            self._own.session = session
+            return session
 
-    def _connect(self, path: str, *, uri: bool) -> _Connection:
-        connection = sqlite3.connect(
-            path,
-            timeout=self._busy_timeout,
-            isolation_level=None,
-            check_same_thread=False,
-            factory=_Connection,
-            cached_statements=256,
-            uri=uri,
+    def _connect(self, path: str, *, uri: bool) -> _Session:
+        session = _Session(
+            sqlite3.connect(
+                path,
+                timeout=self._busy_timeout,
+                isolation_level=None,
+                check_same_thread=False,
+                cached_statements=256,
+                uri=uri,
+            )
         )
-        connection.lock = threading.RLock()
-        connection.execute("PRAGMA foreign_keys = ON")
+        session.connection.execute("PRAGMA foreign_keys = ON")
         # With a write-ahead log this loses nothing when the process dies; a power cut may undo the
         # last commits, whole ones.
-        connection.execute("PRAGMA synchronous = NORMAL")
+        session.connection.execute("PRAGMA synchronous = NORMAL")
         with self._lock:
-            if self._closed:
-                connection.close()
-                raise sqlite3.ProgrammingError("the database is closed")
-            self._connections.add(connection)
-        return connection
+            if not self._closed:
+                self._sessions.add(session)
+                return session
+        session.connection.close()
+        raise sqlite3.ProgrammingError("the database is closed")
 
 
 def _database_path(path: str | os.PathLike[str]) -> str:

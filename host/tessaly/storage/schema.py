@@ -104,8 +104,9 @@ def absent_tables(connection: sqlite3.Connection) -> set[str]:
         found = {row[1] for row in connection.execute(f"PRAGMA table_info({table})")}
         lacking = [column for column in columns if column not in found]
         if lacking:
+            more = f" and {len(lacking) - 3} more" if len(lacking) > 3 else ""
             raise ValueError(
-                f"its table {table} is another one: it has no column {', '.join(lacking)}"
+                f"its table {table} is another one: it lacks {', '.join(lacking[:3])}{more}"
             )
         if table in _KEYS and not _has_key(connection, table, _KEYS[table]):
             raise ValueError(f"its table {table} has no unique key ({', '.join(_KEYS[table])})")
