@@ -9,13 +9,13 @@ from dataclasses import asdict
 
 from demo.errors import UserError
 from demo.search import Hit, Searcher, stems
-from demo.show import Style, cut, duration, is_terminal, plural, width
+from demo.show import Style, cut, cut_left, duration, is_terminal, plural, width
 
 EXCERPT_LINES = 2
 
 
 def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
-    """The hits, three to four lines each, or as one JSON list."""
+    """The hits, up to four lines each, or as one JSON list."""
     if as_json:
         print(json.dumps([asdict(hit) for hit in hits], indent=2))
         return
@@ -25,17 +25,19 @@ def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
     for number, hit in enumerate(hits, 1):
         scores = f"{hit.score:.4f} (cosine {hit.similarity:.2f})"
         rank = f"{number:>2}. "
-        title = cut(hit.title, columns - len(rank) - len(scores) - 2)
-        print(f"{rank}{style.bold(title)}  {style.dim(scores)}")
-        if hit.heading not in ("", hit.title):
-            print("    " + cut(hit.heading, columns - 4))
-        print("    " + style.path(cut(f"{hit.path}:{hit.start}-{hit.end}", columns - 4)))
+        place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank) - len(scores) - 2)
+        print(f"{rank}{style.path(place)}  {style.dim(scores)}")
+        names = [hit.title] if hit.title != hit.path else []
+        names += [hit.heading] if hit.heading != hit.title else []
+        print("    " + style.bold(cut(": ".join(names), columns - 4)))
         for line in hit.excerpt(words, EXCERPT_LINES):
             print(style.dim("    | ") + cut(line.strip(), columns - 6))
 
 
 def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
-    """Asks once; a terminal is told how long it took."""
+    """Asks once; a terminal is told how long it took. UserError when no question is asked."""
+    if not question.strip():
+        raise UserError("the question is empty")
     began = time.monotonic()
     hits = searcher.ask(question, top_k)
     taken = time.monotonic() - began
@@ -53,7 +55,7 @@ def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
     while True:
         try:
             question = input("? " if asked_by_person else "").strip()
-        except EOFError:
+        except (EOFError, KeyboardInterrupt):
             if asked_by_person:
                 print()
             return

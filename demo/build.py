@@ -36,6 +36,7 @@ class Plan:
     sources: list[Source] = field(default_factory=list)  # to be drafted; their data is dropped
     reembed: set[str] = field(default_factory=set)
     unchanged: int = 0
+    mixed: bool = False  # some pages have embeddings of another model
     gone: list[str] = field(default_factory=list)
     added: set[str] = field(default_factory=set)  # paths among the sources that have no page yet
     manifest: str = ""
@@ -78,7 +79,8 @@ def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Plan:
     """Compares the tree with the pages. Without a model, embeddings count as fitting."""
     tree: Checkout | None = checkout(wiki.root)
     pages = {page["page_id"]: page for page in wiki.repository.get_wiki_pages(wiki.branch)}
-    plan = Plan(commit=tree.commit if tree else None)
+    mixed = model is not None and any(page["model"] != model for page in pages.values())
+    plan = Plan(commit=tree.commit if tree else None, mixed=mixed)
     manifest = blake2b(str(FORMAT).encode(), digest_size=16)
     paths = source_paths(wiki.root, tree)
     progress.start("reading", len(paths))
@@ -172,13 +174,12 @@ class _Work:
     def _mark_begun(self) -> None:
         """Counts the waiting files as changed; with mixed embeddings the branch has no model."""
         state = self._repository.get_wiki_state(self._wiki.branch) or {}
-        mixed = bool(state.get("page_count")) and state.get("model") != self._embedder.model
         self._repository.upsert_wiki_state(
             self._wiki.branch,
             last_built_at=state.get("last_built_at"),
             last_commit=state.get("last_commit"),
             changed_since_build=self._plan.waiting,
-            model=None if mixed else self._embedder.model,
+            model=None if self._plan.mixed else self._embedder.model,
             page_count=state.get("page_count") or 0,
             manifest_hash=state.get("manifest_hash"),
         )

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import io
 import logging
 import os
 import sqlite3
@@ -26,16 +27,17 @@ _EXAMPLES = {
   {p} build ~/src/project
   {p} search "how are transactions rolled back"
   {p} status""",
-    "build": """Only files that changed since the last build are drafted and embedded again; pages of
-files that are gone are deleted. A build that was stopped continues where it was.
+    "build": """Only files that changed since the last build are drafted and embedded again;
+pages of files that are gone are deleted. A build that was stopped continues
+where it was.
 
 examples:
   {p} build .
   {p} build ~/src/project --branch next
   {p} build . --embedder my_embeddings:embed
 
-An embedder is a function that takes a list of texts and returns a list of equally long
-lists of numbers.""",
+An embedder is a function that takes a list of texts and returns a list of
+equally long lists of numbers.""",
     "search": """Without a question, reads questions line by line and keeps the index loaded.
 
 examples:
@@ -47,9 +49,9 @@ examples:
   {p} pages src/main.py""",
     "citing": """examples:
   {p} citing src/main.py docs/design.md""",
-    "refresh": """A page only shifted when its source still has the same sections at other lines, for
-instance after an import was added. Nothing is embedded. Files with other changes are named
-and left to 'build'.
+    "refresh": """A file only shifted when it still has the same sections at other lines, for
+instance after an import was added. Nothing is embedded. Files with other changes
+are named and left to 'build'.
 
 examples:
   {p} refresh""",
@@ -192,6 +194,8 @@ def _print_refreshed(result: Refreshed) -> None:
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs one command. 0: done; 2: a user's error, one line on stderr; 130: interrupted."""
     logging.basicConfig(level=logging.ERROR)
+    if isinstance(sys.stdout, io.TextIOWrapper):
+        sys.stdout.reconfigure(errors="replace")  # a terminal without a character shows "?"
     try:
         options = _parser().parse_args(arguments)
         _run(options)

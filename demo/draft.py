@@ -10,13 +10,13 @@ from pathlib import PurePosixPath
 from typing import Any
 
 from demo.languages import LICENCE, MARKDOWN, PYTHON, RST
-from demo.sections import Outline, Section, outline
+from demo.sections import Outline, Section, outline, plain
 from demo.show import plural
 from demo.source_tree import Source
 
 FORMAT = 1  # raise it when drafting changes, so that the next build drafts every page anew
 
-_TEST = re.compile(r"(?:^|/)(?:tests?|testing|examples?|idlelib/idle_test)/|(?:^|/)test_|_test\.\w+$")
+_TEST = re.compile(r"(?:^|/)(?:tests?|testing|examples?|\w+_test)/|(?:^|/)test_|_test\.\w+$")
 _COMMENT_STARTS = ("#", "//", "/*", "*", "--", ";")
 _DIRECTIVE = re.compile(r"#\s*(?:include|pragma|define|if|else|endif|undef|error|import)")
 _ENTRY = frozenset("__main__ main cli app index mod lib".split())
@@ -151,7 +151,7 @@ def _first_paragraph(lines: list[str]) -> str:
             paragraph.append(stripped)
         elif paragraph:
             paragraph.clear()  # an underlined heading, not a paragraph
-    return re.sub(r"!?\[([^\]]*)\]\([^)]*\)|[*`]", lambda match: match[1] or "", " ".join(paragraph))
+    return plain(" ".join(paragraph))
 
 
 def _leading_comment(lines: list[str]) -> str:

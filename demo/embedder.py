@@ -32,7 +32,7 @@ class Embedder:
         """One vector for each text, as 32-bit values. UserError on any other result."""
         try:
             result = self._function(texts)
-        except Exception as error:
+        except (Exception, SystemExit) as error:
             raise self._wrong(f"failed: {type(error).__name__}: {_one_line(error)}") from error
         if isinstance(result, str | bytes) or not _is_sequence(result):
             raise self._wrong(f"returned {type(result).__name__}, not a list of vectors")
@@ -46,7 +46,7 @@ class Embedder:
         try:
             values = array("f", list(one))
         except (TypeError, ValueError, OverflowError) as error:
-            raise self._wrong("returned a vector that holds something other than numbers") from error
+            raise self._wrong("returned a vector of something other than numbers") from error
         if not values:
             raise self._wrong("returned an empty vector")
         if not math.isfinite(sum(values)):

@@ -1,4 +1,4 @@
-"""What git knows of a folder: its files, branch and commit. Works without git by knowing nothing."""
+"""What git knows of a folder: its files, branch and commit; without git, nothing."""
 
 from __future__ import annotations
 
@@ -47,7 +47,9 @@ def _text(output: bytes | None) -> str | None:
 
 def branch_of(root: Path) -> str | None:
     """The branch checked out at ``root``; None when detached or outside a checkout."""
-    return _text(_git(root, "symbolic-ref", "--short", "-q", "HEAD")) if _is_checkout(root) else None
+    if not _is_checkout(root):
+        return None
+    return _text(_git(root, "symbolic-ref", "--short", "-q", "HEAD"))
 
 
 def checkout(root: Path) -> Checkout | None:

@@ -33,7 +33,8 @@ STOP_WORDS = frozenset(
 )
 _COMMON = STOP_WORDS | frozenset(
     """arg args bool char class const def elif else false import int len name none null void
-    object public private print return self static std str string true type types value var""".split()
+    object public private print return self static std str string true type types value
+    var""".split()
 )
 
 

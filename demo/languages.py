@@ -49,13 +49,15 @@ _JAVA = re.compile(
 )
 _GO = re.compile(r"^(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)")
 _RUST = re.compile(
-    r"^(?:pub(?:\([^)]*\))?\s+)?(?:default\s+|async\s+|unsafe\s+|const\s+|extern\s+(?:\"\w+\"\s+)?)*"
+    r"^(?:pub(?:\([^)]*\))?\s+)?(?:(?:default|async|unsafe|const|extern(?:\s+\"\w+\")?)\s+)*"
     r"(?:fn|struct|enum|union|trait|mod|type|static|macro_rules!|impl(?:<[^{]*?>)?)\s+"
     r"(?P<name>[\w:<>' ]*\w)"
 )
 _RUBY = re.compile(r"^\s{0,4}(?:def|class|module)\s+(?P<name>[\w.:?!=]+)")
 _SHELL = re.compile(r"^(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|^function\s+(?P<other>[\w:-]+)")
-_MAKE = re.compile(r"^(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|^define\s+(?P<d>\S+)")
+_MAKE = re.compile(
+    r"^(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|^define\s+(?P<text>\S+)"
+)
 _CMAKE = re.compile(r"^(?:function|macro)\s*\(\s*(?P<name>\w+)", re.IGNORECASE)
 _PERL = re.compile(r"^\s*(?:sub|package)\s+(?P<name>[\w:]+)")
 _LUA = re.compile(r"^(?:local\s+)?function\s+(?P<name>[\w.:]+)")

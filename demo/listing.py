@@ -17,27 +17,28 @@ from demo.embedder import Embedder
 from demo.errors import UserError
 from demo.git import checkout
 from demo.search import mismatch
-from demo.show import Progress, Style, cut, plural, width
+from demo.show import Progress, Style, cut, cut_left, plural, width
 from demo.wiki import Wiki
 
 _SHOWN_CHANGES = 10
-_SHORT_FIELDS = "page_id title importance description summary source_files symbols citations".split()
+_SHORT_FIELDS = (
+    "page_id title importance description summary source_files symbols citations".split()
+)
 
 
 def print_pages(wiki: Wiki, pages: list[dict[str, Any]], as_json: bool) -> None:
     """One line a page: importance, sections, id and description, cut to the terminal's width."""
     if as_json:
-        print(json.dumps([{name: page[name] for name in _SHORT_FIELDS} for page in pages], indent=2))
+        print(json.dumps([_short(page) for page in pages], indent=2))
         return
     headings = wiki.repository.wiki_chunk_headings(wiki.branch)
     sections = Counter(page_id for page_id, _heading in headings)
     style, columns = Style(sys.stdout), width()
     room = min(max((len(page["page_id"]) for page in pages), default=0), columns // 2)
     for page in pages:
-        page_id = page["page_id"]
-        name = page_id if len(page_id) <= room else "…" + page_id[1 - room :]
         words = page["description"] if page["status"] == "built" else "(not finished)"
-        figures = f"{page['importance']:<6} {sections[page_id]:>4}  "
+        figures = f"{page['importance']:<6} {sections[page["page_id"]]:>4}  "
+        name = cut_left(page["page_id"], room)
         rest = cut(words, columns - len(figures) - room - 2)
         print(f"{style.dim(figures)}{style.path(name.ljust(room))}  {rest}".rstrip())
 
@@ -48,7 +49,7 @@ def print_page(wiki: Wiki, page_id: str, as_json: bool) -> None:
     if page is None:
         raise UserError(f"branch '{wiki.branch}' has no page '{page_id}'")
     if as_json:
-        print(json.dumps({name: page[name] for name in _SHORT_FIELDS}, indent=2))
+        print(json.dumps(_short(page), indent=2))
         return
     style = Style(sys.stdout)
     print(style.bold(cut(page["title"], width())))
@@ -59,6 +60,10 @@ def print_page(wiki: Wiki, page_id: str, as_json: bool) -> None:
         if owner == page["page_id"]:
             lines = content.partition("\n")[0].rpartition(":")[2]
             print(f"  {style.dim(lines.rjust(11))}  {cut(heading, width() - 15)}")
+
+
+def _short(page: dict[str, Any]) -> dict[str, Any]:
+    return {name: page[name] for name in _SHORT_FIELDS}
 
 
 def path_in_tree(wiki: Wiki, path: str) -> str:

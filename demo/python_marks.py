@@ -12,8 +12,9 @@ PythonMark = tuple[int, str | None, str, bool]  # line, heading, group, symbol
 def python_marks(text: str, lines: list[str], large: int) -> tuple[list[PythonMark], str] | None:
     """The fields of each mark, and the file's docstring; None when it does not parse.
 
-    There is a mark for each definition and each run of other statements. The members of a class of more than ``large`` lines get marks of their own. Imports are marked
-    as not worth citing, so that adding one does not change what is cited.
+    There is a mark for each definition and each run of other statements. The members of a class
+    of more than ``large`` lines get marks of their own. Imports are marked as not worth citing, so
+    that adding one does not change what is cited.
     """
     try:
         with warnings.catch_warnings():

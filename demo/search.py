@@ -11,6 +11,8 @@ from demo.hashed_features import search_terms, stem, word_parts
 from demo.show import plural
 from demo.wiki import Wiki
 
+FUSED = 30  # hits asked of the store at least: the more of both rankings, the better they agree
+
 
 @dataclass(frozen=True, slots=True)
 class Hit:
@@ -52,10 +54,13 @@ class Searcher:
             self._wiki.repository.invalidate_wiki_chunk_index()
             self._built = self._state()
         (vector,) = self._embedder.embed([question])
+        terms = search_terms(question)
+        if not terms and not any(vector):
+            return []
         records = self._wiki.repository.search_wiki_chunks(
-            vector, self._wiki.branch, top_k, terms=search_terms(question)
+            vector, self._wiki.branch, max(top_k, FUSED), terms=terms
         )
-        return [_hit(record) for record in records]
+        return [_hit(record) for record in records[:top_k]]
 
     def note(self) -> str | None:
         """What the user should know of the answers: None, or that files are still missing."""

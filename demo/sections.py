@@ -16,6 +16,7 @@ MERGE_LINES = 30  # neighbours are merged while they fit into this
 TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
 SPLIT_LINES = 100  # a section longer than this is split
 BLOCK_LINES = 60  # into parts of about this
+MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be slow on it
 
 _HEADING = "heading"  # the group of the sections of a document
 
@@ -78,7 +79,8 @@ def outline(language: Language, text: str) -> Outline:
 
 def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
     """Marks at headings: ``#`` and underlined ones; nothing inside a fenced block counts."""
-    underline = re.compile(r"^([=\-~^\"'*+#`.:])\1{2,}\s*$" if underlined else r"^(?:={2,}|-{2,})\s*$")
+    any_mark, two_marks = r"([=\-~^\"'*+#`.:])\1{2,}\s*$", r"(?:={2,}|-{2,})\s*$"
+    underline = re.compile(any_mark if underlined else two_marks)
     marks = [Mark(1, "overview")]
     fence = ""
     for number, line in enumerate(lines, 1):
@@ -89,9 +91,9 @@ def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
         elif opening and not underlined:
             fence = opening[1]
         elif not underlined and (found := re.match(r"#{1,6}\s+(.*?)\s*#*\s*$", line)):
-            marks.append(Mark(number, _plain(found[1]) or "untitled", _HEADING))
+            marks.append(Mark(number, plain(found[1]) or "untitled", _HEADING))
         elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
-            marks.append(Mark(number - 1, _plain(lines[number - 2]), _HEADING))
+            marks.append(Mark(number - 1, plain(lines[number - 2]), _HEADING))
     return marks
 
 
@@ -99,8 +101,8 @@ def _is_title(line: str, underline: str) -> bool:
     return bool(line.strip()) and line[0].isalnum() and len(underline.rstrip()) >= len(line) - 2
 
 
-def _plain(heading: str) -> str:
-    """A heading without links and emphasis."""
+def plain(heading: str) -> str:
+    """A heading or paragraph without links and emphasis."""
     return re.sub(r"!?\[([^\]]*)\]\([^)]*\)|[*`]", lambda match: match[1] or "", heading).strip()
 
 
@@ -119,7 +121,8 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     for number, line in enumerate(lines, 1):
         if number <= notice:
             continue
-        found = language.definition.match("\n".join(lines[number - 1 : number + 1]))
+        near = lines[number - 1 : number + 1] if len(line) <= MAX_DEFINITION else []
+        found = language.definition.match("\n".join(near))
         if found is not None:
             name = next(group for group in found.groups() if group)
             start = number

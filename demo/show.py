@@ -22,6 +22,11 @@ def cut(text: str, columns: int) -> str:
     return text if len(text) <= columns else text[: max(0, columns - 1)] + "…"
 
 
+def cut_left(text: str, columns: int) -> str:
+    """Like ``cut``, but keeps the end: of a path the name and the lines."""
+    return cut(text[::-1], columns)[::-1]
+
+
 def plural(count: int, noun: str) -> str:
     """``1 file``, ``1,726 files``."""
     ending = "" if count == 1 else "s"

@@ -83,8 +83,5 @@ def _is_candidate(path: str) -> bool:
     *folders, name = path.split("/")
     if not _VENDORED.isdisjoint(folders) or ".min." in name or not may_be_source(path):
         return False
-    try:
-        path.encode()
-    except UnicodeEncodeError:  # a file name that is no text cannot be a key of the store
-        return False
-    return True
+    # A name that is no text (lone surrogates) or that breaks lines cannot be cited.
+    return not any(char < " " or "\ud800" <= char <= "\udfff" for char in path)

@@ -39,7 +39,10 @@ class Wiki:
 def default_database(root: Path) -> Path:
     """Where the wiki of a tree lies unless told otherwise: in the user's cache, not in the tree."""
     cache = os.environ.get("XDG_CACHE_HOME")
-    caches = Path(cache) if cache else Path.home() / ".cache"
+    try:
+        caches = Path(cache) if cache else Path.home() / ".cache"
+    except RuntimeError as error:
+        raise UserError("there is no home folder to keep the wiki in: give --db") from error
     digest = blake2b(os.fsencode(root), digest_size=5).hexdigest()
     return caches / "tessaly-wiki" / f"{root.name or 'root'}-{digest}.db"
 
@@ -75,7 +78,9 @@ def built_wiki(repo: str | None, db: str | None, branch: str | None) -> Iterator
         chosen = _valid(branch) or _likely_branch(root, trees)
         if chosen not in trees:
             held = f"it holds {', '.join(sorted(trees))}" if trees else "it holds none"
-            raise UserError(f"branch '{chosen}' has no wiki in {path} ({held}): make one with 'build'")
+            raise UserError(
+                f"branch '{chosen}' has no wiki in {path} ({held}): make one with 'build'"
+            )
         yield Wiki(repository, path, root or trees[chosen], chosen)
 
 
