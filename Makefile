@@ -33,5 +33,11 @@ demo: build ## build the wiki of this repository (or REPO=...) and ask it (or QU
 bench: build ## the speed tables: native against plain Python, and the ranking
 	@PYTHONPATH="$(BUILD)/python:." "$(python)" -P -m benchmarks $(BENCH)
 
+wheel: ## the module, its stub and py.typed as a wheel in dist/ (needs scikit-build-core)
+	$(need_python)
+	@"$(python)" -c 'import packaging, pathspec, scikit_build_core.build' 2>/dev/null || { \
+	    echo "make wheel: $(python) cannot import scikit-build-core, pathspec and packaging" >&2; exit 1; }
+	@"$(python)" -m pip --disable-pip-version-check wheel --no-build-isolation --no-deps -w dist .
+
 clean: ## remove what was built
 	rm -rf "$(BUILD)" build-sanitize dist
