@@ -27,11 +27,9 @@ class _Session:
     def __init__(self, connection: sqlite3.Connection) -> None:
         self.connection = connection
         self.lock = threading.RLock()
-
-    def __del__(self) -> None:
-        # The connection itself would wait for the garbage collector: its statement cache refers
-        # back to it.
-        self.connection.close()
+        # Left alone, the connection would wait for the garbage collector: its statement cache
+        # refers back to it.
+        weakref.finalize(self, connection.close)
 
 
 class Transaction:

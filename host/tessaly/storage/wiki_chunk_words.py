@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import sqlite3
 import threading
+import weakref
 from collections.abc import Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from typing import Any
@@ -37,6 +38,7 @@ class ChunkWords:
         """
         connection = sqlite3.connect(":memory:", isolation_level=None, check_same_thread=False)
         words = cls(connection)
+        weakref.finalize(words, connection.close)
         if not has_fts5(connection):
             words.close()
             return words
@@ -69,8 +71,8 @@ class ChunkWords:
         phrases = _phrases(terms)
         if not phrases or self._connection is None:
             return None
-        # BM25 gives a word that most chunks hold no weight, but going through all of them takes
-        # time: such words are left to the searches that find too little without them.
+        # A word that most chunks hold has no weight in BM25 (it could only settle ties), but going
+        # through all those chunks takes time: it is left to searches that find too little without.
         telling = [phrase for word, phrase in phrases.items() if word not in self._common]
         if len(telling) < len(phrases):
             found = self._search(telling, top_k)
@@ -95,9 +97,6 @@ class ChunkWords:
             connection, self._connection = self._connection, None
             if connection is not None:
                 connection.close()
-
-    def __del__(self) -> None:
-        self.close()
 
 
 @dataclass(slots=True, kw_only=True, eq=False)
