@@ -49,11 +49,11 @@ class FileCase(unittest.TestCase):
 class StrangersFiles(FileCase):
     def test_what_is_no_wiki_database_is_refused_and_left_as_it_was(self) -> None:
         (self.folder / "text").write_bytes(b"no database, only words\n" * 200)
-        columns = "last_built_at, last_commit, changed_since_build, model, page_count, manifest_hash"
+        columns = "last_built_at, last_commit, changed_since_build, model, page_count"
         strangers = {
             "columns": "CREATE TABLE wiki_pages (id INTEGER PRIMARY KEY, x)",
             "view": "CREATE VIEW wiki_state AS SELECT 1",
-            "key": f"CREATE TABLE wiki_state (branch, {columns})",
+            "key": f"CREATE TABLE wiki_state (branch, {columns}, manifest_hash)",
             "cascade": "CREATE TABLE wiki_chunks (id INTEGER PRIMARY KEY, page_fk, branch, anchor,"
             " heading, model_name, token_count, citations, content, embedding)",
         }
@@ -253,10 +253,14 @@ class Generation(FileCase):
         with sqlite3.connect(self.folder / "bad.db") as connection:  # without enforced keys
             connection.execute(CHUNK, (99,))
         connection.close()
-        before = old.fetchall("SELECT * FROM wiki_chunks"), old.index_generation()
+
+        def contents() -> tuple[Any, ...]:
+            return old.fetchall("SELECT * FROM wiki_chunks"), old.index_generation()
+
+        before = contents()
         with self.assertRaisesRegex(sqlite3.IntegrityError, "bad.db.*FOREIGN KEY"):
             old.replace_index(self.folder / "bad.db")
-        self.assertEqual((old.fetchall("SELECT * FROM wiki_chunks"), old.index_generation()), before)
+        self.assertEqual(contents(), before)
 
 
 if __name__ == "__main__":

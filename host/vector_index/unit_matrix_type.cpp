@@ -187,7 +187,7 @@ PyObject* unit_matrix_new(PyTypeObject* type, PyObject* arguments, PyObject* key
   return answer([&] {
     static const char* const names[] = {"dimension", nullptr};
     Py_ssize_t dimension = 0;
-    if (PyArg_ParseTupleAndKeywords(arguments, keywords, "n", const_cast<char**>(names),
+    if (PyArg_ParseTupleAndKeywords(arguments, keywords, "n:UnitMatrix", const_cast<char**>(names),
                                     &dimension) == 0)
       py::throw_error_set();
     if (dimension < 0) py::raise(PyExc_ValueError, "a dimension is not negative: %zd", dimension);

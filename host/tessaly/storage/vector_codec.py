@@ -52,7 +52,7 @@ class VectorCodec:
             raise ValueError(f"a stored embedding is a BLOB, not {type(stored).__name__}")
         if len(stored) % 4:
             raise ValueError(
-                f"a stored embedding is made of 32-bit floats, but this BLOB has {len(stored)} bytes"
+                f"a stored embedding is made of 32-bit floats, this BLOB of {len(stored)} bytes"
             )
         if _NATIVE and stored:
             return memoryview(stored).cast("f")
