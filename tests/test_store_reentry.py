@@ -1,0 +1,176 @@
+"""Hosts that reach into the store while it calls them: the outcome is that of Python code."""
+
+from __future__ import annotations
+
+import gc
+import json
+import types
+import unittest
+from collections.abc import Callable
+from typing import Any
+
+from benchmarks import plain_store
+from tessaly.storage import repository_wiki as native_store
+from tessaly.storage.database import Database
+from tests.support import CALLS_OF_THE_STORE, Run, StoreTestCase
+
+Act = Callable[[Run], None]
+CACHE = "_wiki_chunk_index_cache"
+
+
+def containers(value: Any) -> list[Any]:
+    """The lists and dicts in a value, outermost first."""
+    found = [value] if isinstance(value, list | dict) else []
+    inner = list(value.values()) if isinstance(value, dict) else value
+    if isinstance(inner, list | tuple):
+        for item in inner:
+            found += containers(item)
+    return found
+
+
+def to_arguments(change: Callable[[Any], None]) -> Act:
+    def act(run: Run) -> None:
+        for container in containers([*run.arguments, *run.keywords.values()]):
+            change(container)
+
+    return act
+
+
+def to_answers(change: Callable[[Any], None]) -> Act:
+    """Changes the rows and hits that the host gave, and the chunks of the cached index."""
+
+    def act(run: Run) -> None:
+        cache = run.store.__dict__.get(CACHE) or {}
+        for container in containers(run.host.answers + [one.chunks for one in cache.values() if one]):
+            change(container)
+
+    return act
+
+
+def shorten(container: Any) -> None:
+    if isinstance(container, list):
+        del container[:1]
+    elif container:
+        del container[next(iter(container))]
+
+
+def grow(container: Any) -> None:
+    if isinstance(container, list) and container and len(container) < 9:
+        container.append(container[0])
+    elif isinstance(container, dict):
+        container["more"] = "grown"
+
+
+def spoil(container: Any) -> None:
+    """Puts a fresh object in every place, so that the old ones are freed."""
+    for key in range(len(container)) if isinstance(container, list) else list(container):
+        container[key] = [object()] * 3
+
+
+def write_elsewhere(run: Run) -> None:
+    run.store.upsert_wiki_state("main", model="another")
+
+
+def write_same(run: Run) -> None:
+    run.store.replace_wiki_chunks(1, "main", [{"content": "new", "embedding": [9.0, 9.0, 9.0]}], "n")
+
+
+def rebuild(run: Run) -> None:
+    run.store._wiki_chunk_index("main")
+
+
+def without_method(run: Run) -> None:
+    if run.method in vars(run.base):
+        run.removed = (run.method, vars(run.base)[run.method])
+        delattr(run.base, run.method)
+        gc.collect(0)
+
+
+def rebind(name: str) -> Act:
+    def act(run: Run) -> None:
+        names = vars(run.host.module)
+        old = names[name]
+        if name == "WIKI_PAGE_COLUMNS":
+            names[name] = old.replace("id, branch", "branch, id")
+        elif name == "json":
+            names[name] = types.SimpleNamespace(dumps=lambda value: f"<{value}>", loads=list)
+        elif name == "logger":
+            names[name] = None
+        else:
+            names[name] = run.host.reported("rebound", old)
+
+    return act
+
+
+def delete(name: str) -> Act:
+    return lambda run: vars(run.host.module).pop(name, None) and None
+
+
+NAMES = (
+    "WIKI_PAGE_COLUMNS ChunkWords EmbeddingIndex WikiChunkIndex json logger moved_citation"
+    " row_to_wiki_page stored_vectors"
+).split()
+ACTS: dict[str, Act] = {
+    "invalidate": lambda run: run.store.invalidate_wiki_chunk_index(),
+    "replace the cache": lambda run: run.store.__dict__.update({CACHE: {"main": None}}),
+    "replace the cache by no dict": lambda run: run.store.__dict__.update({CACHE: 5}),
+    "delete the cache": lambda run: run.store.__dict__.pop(CACHE, None) and None,
+    "empty the instance": lambda run: run.store.__dict__.clear(),
+    "replace db": lambda run: setattr(run.store, "db", None),
+    "write elsewhere": write_elsewhere,
+    "write the same": write_same,
+    "rebuild": rebuild,
+    "collect": lambda run: gc.collect(1) and None,
+    "delete the method": without_method,
+    "change the class": lambda run: setattr(run.store, "__class__", types.SimpleNamespace),
+    "empty arguments": to_arguments(lambda container: container.clear()),
+    "shorten arguments": to_arguments(shorten),
+    "grow arguments": to_arguments(grow),
+    "spoil arguments": to_arguments(spoil),
+    "empty answers": to_answers(lambda container: container.clear()),
+    "shorten answers": to_answers(shorten),
+    "grow answers": to_answers(grow),
+    "spoil answers": to_answers(spoil),
+    **{f"rebind {name}": rebind(name) for name in NAMES},
+    **{f"delete {name}": delete(name) for name in NAMES},
+}
+
+
+class Reentry(StoreTestCase):
+    def setUp(self) -> None:
+        self.database = Database(":memory:")
+        self.addCleanup(self.database.close)
+        gc.freeze()  # what was there before need not be looked through by every collection
+        self.addCleanup(gc.unfreeze)
+
+    def seen(self, module: Any, case: Any, act: Act, at: int) -> dict[str, Any]:
+        """The outcome of the call when the act is done at the host's call of that number, or at
+        every one if it is 0."""
+        run = Run(module, self.database, case)
+        run.removed = None
+
+        def interfere(run: Run, number: int, _name: str) -> None:
+            if at in (0, number) and number < 60:
+                act(run)
+
+        try:
+            run.go(interfere)
+        finally:
+            if run.removed:
+                setattr(run.base, *run.removed)
+        return run.outcome()
+
+    def test_any_act_at_any_host_call_has_the_outcome_that_python_code_has(self) -> None:
+        for case in CALLS_OF_THE_STORE:
+            calls = len(Run(native_store, self.database, case).go().host.calls)
+            for what, act in ACTS.items():
+                for at in range(calls + 1):
+                    with self.subTest(case[0][0], act=what, at=at):
+                        self.assertEqual(
+                            self.seen(native_store, case, act, at),
+                            self.seen(plain_store, case, act, at),
+                        )
+
+
+if __name__ == "__main__":
+    unittest.main()
