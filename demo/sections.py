@@ -19,6 +19,7 @@ BLOCK_LINES = 60  # into parts of about this
 MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be slow on it
 
 _HEADING = "heading"  # the group of the sections of a document
+_BETWEEN = "between"  # the group of what is no import, comment or definition
 
 
 @dataclass(frozen=True, slots=True)
@@ -133,7 +134,8 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
         elif (not marks or not marks[-1].symbol) and line.strip():
             heading = None if _IMPORT.match(line) else "overview"
             if not marks or (marks[-1].heading is None) != (heading is None):
-                marks.append(Mark(number, heading, "overview"))
+                group = "overview" if language.above.match(line) else _BETWEEN
+                marks.append(Mark(number, heading, group))
     return _in_order(marks)
 
 
@@ -154,7 +156,10 @@ def _in_order(marks: list[Mark]) -> list[Mark]:
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
-    """Each mark's lines up to the next mark, without the blank ones around them."""
+    """Each mark's lines up to the next mark, without the blank ones around them.
+
+    A lone line between imports and definitions (a namespace, an include guard) is left out.
+    """
     sections = []
     for position, mark in enumerate(marks):
         end = marks[position + 1].line - 1 if position + 1 < len(marks) else len(lines)
@@ -163,7 +168,8 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
             start += 1
         while end >= start and not lines[end - 1].strip():
             end -= 1
-        if mark.heading is not None and start <= end:
+        is_worth_it = start < end or (start == end and mark.group != _BETWEEN)
+        if mark.heading is not None and is_worth_it:
             sections.append(Section(mark.heading, start, end, mark.group))
     return sections
 

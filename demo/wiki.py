@@ -52,7 +52,7 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
     """The wiki of the tree ``repo``; its database file is created when there is none."""
     root = folder(repo)
     chosen = _valid(branch) or branch_of(root) or "main"
-    path = Path(db) if db else default_database(root)
+    path = default_database(root) if db is None else _file(db)
     if db is None:
         path.parent.mkdir(parents=True, exist_ok=True)
     with _opened(path) as repository:
@@ -69,8 +69,8 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
 def built_wiki(repo: str | None, db: str | None, branch: str | None) -> Iterator[Wiki]:
     """A wiki that was built before; UserError when there is none."""
     root = folder(repo) if repo else None
-    path = Path(db) if db else _nearest_database(root)
-    if not path.exists():
+    path = _nearest_database(root) if db is None else _file(db)
+    if not path.exists() or path.stat().st_size == 0:
         raise UserError(f"no wiki at {path}: make one with 'build'")
     with _opened(path) as repository:
         pages = repository.get_wiki_pages(_CATALOGUE)
@@ -89,12 +89,10 @@ def _opened(path: Path) -> Iterator[Repository]:
     """The repository over a database file, closed at the end; UserError when it is not one."""
     try:
         if not path.parent.is_dir():
-            raise UserError(f"cannot open {path}: there is no folder {path.parent}")
-        if path.is_dir():
-            raise UserError(f"cannot open {path}: it is a folder")
+            raise UserError(f"cannot open the database {path}: there is no folder {path.parent}")
         database = Database(str(path))
     except (sqlite3.Error, OSError, ValueError) as error:
-        raise UserError(f"cannot open {path}: {' '.join(str(error).split())}") from error
+        raise UserError(str(error)) from error
     try:
         yield Repository(database)
     finally:
@@ -109,6 +107,12 @@ def folder(repo: str) -> Path:
     if not root.is_dir():
         raise UserError(f"{repo} is not a folder")
     return root
+
+
+def _file(db: str) -> Path:
+    if not db:
+        raise UserError("--db needs the name of a file")
+    return Path(db)
 
 
 def _valid(branch: str | None) -> str | None:
