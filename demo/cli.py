@@ -97,6 +97,9 @@ def _parser() -> argparse.ArgumentParser:
             )
         return sub
 
+    def tree(sub: argparse.ArgumentParser) -> None:
+        sub.add_argument("tree", metavar="REPO", nargs="?", help="the same as --repo")
+
     def embedder(sub: argparse.ArgumentParser) -> None:
         sub.add_argument(
             "--embedder", metavar="MODULE:FUNCTION", help="embeds texts (default: built in)"
@@ -119,8 +122,9 @@ def _parser() -> argparse.ArgumentParser:
     sub = command("citing", "list the pages built from given files")
     sub.add_argument("paths", metavar="PATH", nargs="+")
     as_json(sub)
-    command("refresh", "move citations of files whose lines only shifted")
+    tree(command("refresh", "move citations of files whose lines only shifted"))
     sub = command("status", "tell where the wiki stands; changes nothing")
+    tree(sub)
     embedder(sub)
     as_json(sub)
     return parser
@@ -142,7 +146,8 @@ def _run(options: argparse.Namespace) -> None:
                 print(f"wiki: {wiki.database}")
         return
     embedder = load_embedder(options.embedder) if "embedder" in options else None
-    with built_wiki(options.repo, options.db, options.branch) as wiki:
+    repo = getattr(options, "tree", None) or options.repo
+    with built_wiki(repo, options.db, options.branch) as wiki:
         if options.command == "search":
             assert embedder is not None
             searcher = Searcher(wiki, embedder)

@@ -69,7 +69,7 @@ def load_embedder(spec: str | None) -> Embedder:
     if not (module_name and colon and function_name):
         raise UserError(f"embedder '{spec}' is not of the form module:function")
     if "" not in sys.path:
-        sys.path.insert(0, "")  # an embedder of the user's own lies beside the user
+        sys.path.append("")  # an embedder of the user's own may lie in the current folder
     try:
         function: Any = importlib.import_module(module_name)
         for part in function_name.split("."):

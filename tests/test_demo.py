@@ -300,6 +300,7 @@ class Asking(DemoCase):
         before = sorted(self.tree.rglob("*"))
         self.demo("build", str(self.tree))
         self.assertEqual(sorted(self.tree.rglob("*")), before)
+        self.assertIn("up to date", self.demo("status", str(self.tree)))
         with contextlib.chdir(self.tree / "ledger"):
             self.assertIn("up to date", self.demo("status"))
             self.assertIn("ledger/book.py", self.demo("citing", "book.py"))
