@@ -51,7 +51,7 @@ def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
     asked_by_person = is_terminal(sys.stdin) and is_terminal(sys.stdout)
     if asked_by_person:
         _try_line_editing()
-        print("Ask away; an empty line or Ctrl-D ends. The first question loads the index.")
+        print("The first question loads the index; an empty line ends.")
     while True:
         try:
             question = input("? " if asked_by_person else "").strip()
