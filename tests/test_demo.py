@@ -421,7 +421,7 @@ class Cutting(unittest.TestCase):
             "d.js": ("import x from 'x'\n\n// Says it.\nexport function say() {}\n", ["say"]),
             "e.go": ("package a\n\nfunc (t *T) Run() {\n}\n\ntype T struct {\n}\n", ["Run, T"]),
             "f.rs": ("use a;\n\npub fn run() {}\n\nimpl T for U {\n}\n", ["run, T for U"]),
-            "g.c": ("#include <a.h>\nextern \"C\" {\n#include <b.h>\n\nstatic int\nadd(int a)\n{\n}\n", ["add"]),
+            "g.c": ('extern "C" {\n#include <b.h>\n\nstatic int\nadd(int a)\n{\n}\n', ["add"]),
             "h.sh": ("set -e\nset -u\nrun() {\n  :\n}\n", ["overview", "run"]),
             "Makefile": ("A := 1\nB := 2\n\nall: a b\n\tcc\n", ["overview", "all"]),
         }
