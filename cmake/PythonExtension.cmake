@@ -17,6 +17,8 @@ target_compile_options(extension_flags INTERFACE
   # Rounding is exact arithmetic here: no multiplication may be fused that was not asked for.
   -ffp-contract=off
   -fno-math-errno
+  # The interpreter's functions are called straight, not through stubs.
+  -fno-plt
   # Tracebacks name sources as they stand in the project, wherever it was built.
   "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
 if(TESSALY_SANITIZE)

@@ -33,6 +33,7 @@ class BoundArguments {
                     PyObject* keyword_names);
   bool place_keywords(const Signature& signature, PyObject* const* values, PyObject* keyword_names);
   bool fill_defaults(const Signature& signature);
+  bool fill_keyword_defaults(const Signature& signature);
   void bind_by_function(const Signature& signature, PyObject* const* passed,
                         std::size_t flags_and_count, PyObject* keyword_names);
 

@@ -23,7 +23,9 @@ class Call {
 
   /// The value of a name of the module as a function would read it: from the module's namespace,
   /// else from the builtins, else NameError.
-  [[nodiscard]] py::Owned global(py::Handle name, py::Where where = py::Where::current()) const;
+  [[nodiscard]] py::Owned global(py::Handle name, py::Where where = py::Where::current()) const {
+    return state_.globals.get(name, where);
+  }
 
   /// `import json`: through the interpreter's `__import__`, which may be anybody's.
   [[nodiscard]] py::Owned import_json(py::Where where = py::Where::current()) const;

@@ -80,14 +80,15 @@ TransactionBlock::Entered TransactionBlock::enter(const Call& call, py::Where wh
                  Py_TYPE(manager.ptr())->tp_name, reason);
     py::throw_error_set(where);
   };
-  const auto enter = py::SpecialMethod::find(Target(manager, where), names.dunder_enter);
+  std::optional<Owned> enter = py::SpecialMethod::look_up(manager, names.dunder_enter);
   if (!enter) refuse("");
-  if (_PyType_Lookup(Py_TYPE(manager.ptr()), names.dunder_exit.ptr()) == nullptr)
-    refuse(" (missed __exit__ method)");
-  Owned cursor = (*enter)(Target(manager, where));
-  auto exit = py::SpecialMethod::find(Target(manager, where), names.dunder_exit);
+  // What could not be left is not entered.
+  std::optional<Owned> exit = py::SpecialMethod::look_up(manager, names.dunder_exit);
   if (!exit) refuse(" (missed __exit__ method)");
-  return {std::move(manager), std::move(*exit), std::move(cursor)};
+  const Target target(manager, where);
+  Owned cursor = py::SpecialMethod(target, std::move(*enter))(target);
+  py::SpecialMethod bound_exit(target, std::move(*exit));
+  return {std::move(manager), std::move(bound_exit), std::move(cursor)};
 }
 
 TransactionBlock::TransactionBlock(const Call& call, py::Where where)

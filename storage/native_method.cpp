@@ -11,7 +11,8 @@ using py::Owned;
 namespace {
 
 struct NativeMethod {
-  PyObject_HEAD vectorcallfunc vectorcall;
+  PyObject_HEAD
+  vectorcallfunc vectorcall;
   const MethodRow* row;
   ModuleState* state;  // of `module`; null once cleared
   py::Member module;
@@ -26,7 +27,7 @@ NativeMethod* as_method(PyObject* object) { return reinterpret_cast<NativeMethod
 PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_t flags_and_count,
                       PyObject* keyword_names) noexcept {
   const NativeMethod& method = *as_method(callable);
-  if (method.state == nullptr) [[unlikely]] {
+  if (method.state == nullptr || method.state->cleared) [[unlikely]] {
     PyErr_Format(PyExc_RuntimeError, "%s() was called after its module was cleared",
                  method.row->name);
     return nullptr;

@@ -38,8 +38,8 @@ logger = logging.getLogger(__name__)
 void run_imports(const ModuleState& state) {
   const Owned code =
       Owned::steal(Py_CompileString(kImports, "<imports of repository_wiki>", Py_file_input));
-  py::drop(
-      Owned::steal(PyEval_EvalCode(code.ptr(), state.namespace_.ptr(), state.namespace_.ptr())));
+  py::drop(Owned::steal(PyEval_EvalCode(code.ptr(), state.globals.module_namespace(),
+                                        state.globals.module_namespace())));
 }
 
 /// The builtin function of that name, if it is still the interpreter's own.
@@ -56,11 +56,11 @@ void capture_builtin(py::Member& member, Handle builtins, Handle name) {
 
 void create_state(ModuleState& state, Handle module) {
   state.names.create();
-  state.namespace_.set(Owned::borrow(PyModule_GetDict(module.ptr())));
-  const Owned builtins = Owned::steal(PyImport_ImportModule("builtins"));
-  state.builtins.set(Owned::borrow(PyModule_GetDict(builtins.ptr())));
-  capture_builtin(state.genuine_import, state.builtins, state.names.dunder_import);
-  capture_builtin(state.genuine_round, state.builtins, state.names.round);
+  const Owned builtins_module = Owned::steal(PyImport_ImportModule("builtins"));
+  const Owned builtins = Owned::borrow(PyModule_GetDict(builtins_module.ptr()));
+  state.globals.set(Owned::borrow(PyModule_GetDict(module.ptr())), Owned::borrow(builtins));
+  capture_builtin(state.genuine_import, builtins, state.names.dunder_import);
+  capture_builtin(state.genuine_round, builtins, state.names.round);
   state.chunk_index_keywords.set(wiki::chunk_index_keywords(state.names));
   state.hit_record.set(py::record_layout(wiki::hit_keys(state.names)));
   state.state_record.set(py::record_layout(wiki::state_keys(state.names)));
@@ -73,7 +73,7 @@ void initialise(PyObject* module) {
   create_state(state, module);
   py::checked(PyModule_SetDocString(module, doc::module));
   run_imports(state);
-  state.json.capture(py::item(state.namespace_, state.names.json));
+  state.json.capture(py::item(state.globals.module_namespace(), state.names.json));
   const Owned wiki_store = create_wiki_store(state, module);
   py::checked(PyObject_SetAttr(module, state.names.WikiStore.ptr(), wiki_store.ptr()));
 }

@@ -22,7 +22,8 @@ Owned evaluate_signatures(const ModuleState& state) {
   const Owned code = Owned::steal(
       Py_CompileString(signatures_source().c_str(), "<signatures of WikiStore>", Py_file_input));
   Owned functions = Owned::steal(PyDict_New());
-  py::drop(Owned::steal(PyEval_EvalCode(code.ptr(), state.namespace_.ptr(), functions.ptr())));
+  py::drop(
+      Owned::steal(PyEval_EvalCode(code.ptr(), state.globals.module_namespace(), functions.ptr())));
   return functions;
 }
 
@@ -48,12 +49,13 @@ Owned create_wiki_store(ModuleState& state, Handle module) {
   const auto set = [&](Handle name, Handle value) {
     py::checked(PyDict_SetItem(class_namespace.ptr(), name.ptr(), value.ptr()));
   };
-  set(names.dunder_module, py::item(state.namespace_, names.dunder_name));
+  set(names.dunder_module, py::item(state.globals.module_namespace(), names.dunder_name));
   set(names.dunder_doc, text(doc::wiki_store));
   set(names.dunder_qualname, text(kName));
   set(names.dunder_firstlineno, py::integer(kFirstLine));
   const Owned annotations = Owned::steal(PyDict_New());
-  py::mapping_set(annotations, names.db, py::item(state.namespace_, names.Database));
+  py::mapping_set(annotations, names.db,
+                  py::item(state.globals.module_namespace(), names.Database));
   set(names.dunder_annotations, annotations);
   const Owned functions = evaluate_signatures(state);
   for (const MethodRow& row : kWikiStoreMethods)

@@ -43,33 +43,37 @@ void GenuineJsonFunction::capture(Handle module, const char* name, const char* c
   keyword_defaults.set(Owned::borrow(defaults));
   coder_name.set(Owned::steal(PyUnicode_InternFromString(coder_attribute)));
   coder.set(std::move(*shared));
-  namespace_.set(Owned::borrow(names));
+  module_namespace.set(Owned::borrow(names));
   function.set(std::move(*candidate));
 }
 
-bool GenuineJsonFunction::is_genuine(Handle candidate) const noexcept {
+bool GenuineJsonFunction::is_genuine(Handle candidate) noexcept {
   if (function.empty() || candidate.ptr() != function.ptr()) return false;
   if (PyFunction_GET_CODE(candidate.ptr()) != code.ptr() ||
       PyFunction_GET_KW_DEFAULTS(candidate.ptr()) != keyword_defaults.ptr())
     return false;
+  if (module_namespace.unchanged()) return true;
   PyObject* shared = nullptr;
-  if (PyDict_GetItemRef(namespace_.ptr(), coder_name.ptr(), &shared) <= 0) {
+  if (PyDict_GetItemRef(module_namespace.ptr(), coder_name.ptr(), &shared) <= 0) {
     PyErr_Clear();
     return false;
   }
   const Owned held = Owned::steal(shared);
-  return shared == coder.ptr();
+  if (shared != coder.ptr()) return false;
+  module_namespace.remember();
+  return true;
 }
 
 int GenuineJsonFunction::traverse(visitproc visit, void* arg) const {
-  for (const Member* member : {&function, &code, &keyword_defaults, &namespace_, &coder})
+  for (const Member* member :
+       {&function, &code, &keyword_defaults, &coder, &module_namespace.member()})
     if (const int status = member->traverse(visit, arg)) return status;
   return 0;
 }
 
 void GenuineJsonFunction::clear() noexcept {
-  for (Member* member : {&function, &code, &keyword_defaults, &namespace_, &coder_name, &coder})
-    member->clear();
+  for (Member* member : {&function, &code, &keyword_defaults, &coder_name, &coder}) member->clear();
+  module_namespace.clear();
 }
 
 void Json::capture(Handle module) {

@@ -2,6 +2,7 @@
 
 #include <Python.h>
 
+#include "python/global_names.h"
 #include "python/objects.h"
 #include "python/reference.h"
 
@@ -47,11 +48,12 @@ namespace tessaly::py {
 /// One function of the standard json module and what it must still be made of to be the genuine
 /// one: its code, its keyword defaults and the module's shared coder object.
 struct GenuineJsonFunction {
-  Member function, code, keyword_defaults, namespace_, coder_name, coder;
+  Member function, code, keyword_defaults, coder_name, coder;
+  WatchedDict module_namespace;
 
   /// Remembers the function if it is the standard library's own; otherwise stays empty.
   void capture(Handle module, const char* name, const char* coder_attribute);
-  [[nodiscard]] bool is_genuine(Handle candidate) const noexcept;
+  [[nodiscard]] bool is_genuine(Handle candidate) noexcept;
   [[nodiscard]] int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 };
@@ -62,7 +64,7 @@ class Json {
  public:
   void capture(Handle module);
 
-  [[nodiscard]] bool is_genuine_dumps(Handle function) const noexcept {
+  [[nodiscard]] bool is_genuine_dumps(Handle function) noexcept {
     return dumps_.is_genuine(function);
   }
   Owned dumps(Target function, Handle value);

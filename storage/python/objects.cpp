@@ -35,17 +35,13 @@ ListBuilder::ListBuilder(Py_ssize_t expected, Where where)
   Py_SET_SIZE(reinterpret_cast<PyListObject*>(list_.ptr()), 0);
 }
 
-std::optional<SpecialMethod> SpecialMethod::find(Target target, Handle name) {
-  PyTypeObject* type = Py_TYPE(target.ptr());
-  PyObject* raw = _PyType_LookupRef(type, name.ptr());
-  if (raw == nullptr) return std::nullopt;
-  Owned attribute = Owned::steal(raw);
-  if (PyType_HasFeature(Py_TYPE(raw), Py_TPFLAGS_METHOD_DESCRIPTOR))
-    return SpecialMethod(std::move(attribute), false);
-  const descrgetfunc get = Py_TYPE(raw)->tp_descr_get;
-  if (get == nullptr) return SpecialMethod(std::move(attribute), true);
-  PyObject* bound = get(raw, target.ptr(), reinterpret_cast<PyObject*>(type));
-  return SpecialMethod(Owned::steal(bound, target.where), true);
+SpecialMethod::SpecialMethod(Target object, Owned attribute) : method_(std::move(attribute)) {
+  PyTypeObject* kind = Py_TYPE(method_.ptr());
+  if (PyType_HasFeature(kind, Py_TPFLAGS_METHOD_DESCRIPTOR)) return;
+  bound_ = true;
+  if (kind->tp_descr_get == nullptr) return;
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(object.ptr()));
+  method_ = Owned::steal(kind->tp_descr_get(method_.ptr(), object.ptr(), type), object.where);
 }
 
 namespace {

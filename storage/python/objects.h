@@ -33,14 +33,23 @@ inline Owned attribute(Target target, Handle name) {
   return Owned::steal(PyObject_GetAttr(target.ptr(), name.ptr()), target.where);
 }
 
+/// `PyObject_Vectorcall` without keywords; a Python function, which has its entry in itself, is
+/// entered straight.
+inline PyObject* vectorcall(PyObject* callable, PyObject* const* arguments,
+                            std::size_t flags_and_count) {
+  if (PyFunction_Check(callable))
+    return reinterpret_cast<PyFunctionObject*>(callable)->vectorcall(callable, arguments,
+                                                                     flags_and_count, nullptr);
+  return PyObject_Vectorcall(callable, arguments, flags_and_count, nullptr);
+}
+
 /// `target(arguments...)`.
 template <std::convertible_to<Handle>... Arguments>
 Owned call(Target target, const Arguments&... arguments) {
   // The slot before the first argument is the callee's to use, as the calling convention offers.
   PyObject* stack[] = {nullptr, Handle(arguments).ptr()...};
   return Owned::steal(
-      PyObject_Vectorcall(target.ptr(), stack + 1,
-                          sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr),
+      vectorcall(target.ptr(), stack + 1, sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET),
       target.where);
 }
 
@@ -56,15 +65,21 @@ Owned call_method(Target target, Handle name, const Arguments&... arguments) {
 
 inline bool truth(Target target) {
   if (target.ptr() == Py_None) return false;
+  if (PyTuple_CheckExact(target.ptr())) return PyTuple_GET_SIZE(target.ptr()) != 0;
+  if (PyUnicode_CheckExact(target.ptr())) return PyUnicode_GET_LENGTH(target.ptr()) != 0;
+  if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr()) != 0;
   return checked(PyObject_IsTrue(target.ptr()), target.where) != 0;
 }
 
 inline Py_ssize_t length(Target target) {
+  if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr());
   return checked_size(PyObject_Size(target.ptr()), target.where);
 }
 
 /// `bool(left OP right)`, OP one of Py_EQ, Py_NE, ...
 inline bool compare(Target left, Handle right, int operation) {
+  if (left.object.is(right) && PyLong_CheckExact(left.ptr()))
+    return operation == Py_EQ || operation == Py_LE || operation == Py_GE;
   const Owned answer =
       Owned::steal(PyObject_RichCompare(left.ptr(), right.ptr(), operation), left.where);
   return truth(Target(answer, left.where));
@@ -76,11 +91,13 @@ inline Owned integer(Py_ssize_t value, Where where = Where::current()) {
 
 /// `int(target)`, the object itself when it is an exact int.
 inline Owned to_int(Target target) {
+  if (PyLong_CheckExact(target.ptr())) return Owned::borrow(target.object);
   return Owned::steal(PyNumber_Long(target.ptr()), target.where);
 }
 
 /// `str(target)`, the object itself when it is an exact str.
 inline Owned to_str(Target target) {
+  if (PyUnicode_CheckExact(target.ptr())) return Owned::borrow(target.object);
   return Owned::steal(PyObject_Str(target.ptr()), target.where);
 }
 
@@ -158,6 +175,11 @@ std::array<Owned, Count> unpack(Target target) {
   (std::make_index_sequence<Count>());
 }
 
+/// A new dict with room for `expected` entries of any keys.
+inline Owned dict_for(Py_ssize_t expected, Where where = Where::current()) {
+  return Owned::steal(_PyDict_NewPresized(expected), where);
+}
+
 /// A new list with room for `expected` items, filled from the front. At no time does it show an
 /// empty slot, so it may be looked at (by a garbage collector's inspection, say) while it grows.
 class ListBuilder {
@@ -199,25 +221,31 @@ Owned list_of(Target iterable, Convert&& convert) {
 /// type allows it.
 class SpecialMethod {
  public:
-  /// Nothing when the type has no such attribute.
-  static std::optional<SpecialMethod> find(Target target, Handle name);
+  /// What the type has under that name, not yet bound; nothing when it has none. Runs no Python
+  /// code.
+  static std::optional<Owned> look_up(Handle object, Handle name) {
+    PyObject* attribute = _PyType_LookupRef(Py_TYPE(object.ptr()), name.ptr());
+    if (attribute == nullptr) return std::nullopt;
+    return Owned::steal(attribute);
+  }
 
-  /// Calls it on the object it was found for.
+  /// Binds what `look_up` found to the object.
+  SpecialMethod(Target object, Owned attribute);
+
+  /// Calls it on the object it was bound to.
   template <std::convertible_to<Handle>... Arguments>
-  Owned operator()(Target target, const Arguments&... arguments) const {
-    PyObject* stack[] = {nullptr, target.ptr(), Handle(arguments).ptr()...};
+  Owned operator()(Target object, const Arguments&... arguments) const {
+    PyObject* stack[] = {nullptr, object.ptr(), Handle(arguments).ptr()...};
     const std::size_t skipped = bound_ ? 1 : 0;
     return Owned::steal(
-        PyObject_Vectorcall(method_.ptr(), stack + 1 + skipped,
-                            (1 + sizeof...(Arguments) - skipped) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                            nullptr),
-        target.where);
+        vectorcall(method_.ptr(), stack + 1 + skipped,
+                   (1 + sizeof...(Arguments) - skipped) | PY_VECTORCALL_ARGUMENTS_OFFSET),
+        object.where);
   }
 
  private:
-  SpecialMethod(Owned method, bool bound) : method_(std::move(method)), bound_(bound) {}
   Owned method_;
-  bool bound_;
+  bool bound_ = false;
 };
 
 /// A copy of the dict `layout`, whose keys are the given ones in their order, with the given

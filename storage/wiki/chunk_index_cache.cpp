@@ -48,7 +48,7 @@ Owned decode_embeddings(const Call& call, Handle rows) {
 
 /// Chunk id to `(page row id, heading, text, stored citations)`, in the order of the rows.
 Owned collect_chunks(Handle rows) {
-  Owned chunks = Owned::steal(PyDict_New());
+  Owned chunks = py::dict_for(py::expected_length(rows));
   py::for_each(rows, [&](const Owned& row) {
     const Owned id = py::to_int(py::item(row, 0));
     Owned page_fk = py::to_int(py::item(row, 1));

@@ -7,36 +7,55 @@ using py::Owned;
 namespace {
 
 struct ChunkRows {
-  PyObject_HEAD py::Member rows;  // an iterator; empty at the end
+  PyObject_HEAD
+  py::Member rows;  // a list, or an iterator over anything else; empty at the end
+  Py_ssize_t next;  // the position in the list
 };
 
 ChunkRows* as_chunk_rows(PyObject* object) { return reinterpret_cast<ChunkRows*>(object); }
 
+/// The next row, followed as a list's own iterator would, or nothing at the end.
+std::optional<Owned> next_row(ChunkRows& chunk_rows, py::Handle rows) {
+  if (PyList_CheckExact(rows.ptr())) {
+    if (chunk_rows.next >= PyList_GET_SIZE(rows.ptr())) return std::nullopt;
+    return Owned::borrow(PyList_GET_ITEM(rows.ptr(), chunk_rows.next++));
+  }
+  PyObject* row = PyIter_Next(rows.ptr());
+  if (row == nullptr && PyErr_Occurred()) py::throw_error_set();
+  return row == nullptr ? std::nullopt : std::optional(Owned::steal(row));
+}
+
 Owned triple(py::Handle row) {
   Owned id = py::to_int(py::item(row, 0));
   Owned heading = py::item(row, 2);
-  return py::tuple(std::move(id), std::move(heading), py::to_str(py::item(row, 3)));
+  Owned text = py::to_str(py::item(row, 3));
+  return py::tuple(std::move(id), std::move(heading), std::move(text));
 }
 
-/// Like a generator: an error ends it, and a StopIteration from below is an error.
-PyObject* next(PyObject* self) {
+/// A StopIteration from below is an error, as in a generator.
+void replace_stop_iteration() noexcept {
+  if (!PyErr_ExceptionMatches(PyExc_StopIteration)) return;
+  PyObject* stop = PyErr_GetRaisedException();
+  PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
+  PyObject* error = PyErr_GetRaisedException();
+  PyException_SetCause(error, Py_NewRef(stop));
+  PyException_SetContext(error, stop);
+  PyErr_SetRaisedException(error);
+}
+
+PyObject* next(PyObject* self) noexcept {
   ChunkRows& chunk_rows = *as_chunk_rows(self);
   if (chunk_rows.rows.empty()) return nullptr;
-  const Owned rows = Owned::borrow(chunk_rows.rows);
-  PyObject* made = nullptr;
-  if (PyObject* row = PyIter_Next(rows.ptr())) {
-    made = py::guarded([row] { return triple(Owned::steal(row)); });
-    if (made == nullptr && PyErr_ExceptionMatches(PyExc_StopIteration)) {
-      PyObject* stop = PyErr_GetRaisedException();
-      PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
-      PyObject* error = PyErr_GetRaisedException();
-      PyException_SetCause(error, Py_NewRef(stop));
-      PyException_SetContext(error, stop);
-      PyErr_SetRaisedException(error);
-    }
+  try {
+    const Owned rows = Owned::borrow(chunk_rows.rows);
+    if (const std::optional<Owned> row = next_row(chunk_rows, rows)) return triple(*row).release();
+  } catch (...) {
+    static_cast<void>(py::set_error_from_caught());
+    replace_stop_iteration();
   }
-  if (made == nullptr) chunk_rows.rows.clear();
-  return made;
+  // Whether it ran out or failed, a generator is over then.
+  chunk_rows.rows.clear();
+  return nullptr;
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
@@ -83,9 +102,11 @@ Owned create_chunk_rows_type(py::Handle module) {
 
 Owned make_chunk_rows(const ModuleState& state, py::Target rows) {
   auto* type = reinterpret_cast<PyTypeObject*>(state.chunk_rows_type.ptr());
-  Owned iterator = Owned::steal(PyObject_GetIter(rows.ptr()), rows.where);
+  Owned source = PyList_CheckExact(rows.ptr())
+                     ? Owned::borrow(rows.object)
+                     : Owned::steal(PyObject_GetIter(rows.ptr()), rows.where);
   Owned made = Owned::steal(type->tp_alloc(type, 0), rows.where);
-  as_chunk_rows(made.ptr())->rows.set(std::move(iterator));
+  as_chunk_rows(made.ptr())->rows.set(std::move(source));
   return made;
 }
 

@@ -58,6 +58,19 @@ Owned replace_wiki_chunks(const Call& call, Handle page_fk, Handle branch, Handl
   return py::integer(py::length(chunks));
 }
 
+namespace {
+
+/// Whether a row is a tuple of just these types already: converting it would make its equal.
+template <PyTypeObject*... Types>
+bool is_exact_tuple(Handle row) {
+  if (!PyTuple_CheckExact(row.ptr()) || PyTuple_GET_SIZE(row.ptr()) != sizeof...(Types))
+    return false;
+  Py_ssize_t i = 0;
+  return (Py_IS_TYPE(PyTuple_GET_ITEM(row.ptr(), i++), Types) && ...);
+}
+
+}  // namespace
+
 constexpr py::Text kReadHeadings{R"(
     SELECT DISTINCT p.page_id, c.heading
     FROM wiki_chunks c JOIN wiki_pages p ON p.id = c.page_fk
@@ -65,7 +78,8 @@ constexpr py::Text kReadHeadings{R"(
 
 Owned wiki_chunk_headings(const Call& call, Handle branch) {
   const Owned rows = host::fetchall(call, call.text(kReadHeadings), py::tuple(branch));
-  return py::list_of(rows, [](const Owned& row) {
+  return py::list_of(rows, [](Owned row) {
+    if (is_exact_tuple<&PyUnicode_Type, &PyUnicode_Type>(row)) return row;
     Owned page_id = py::to_str(py::item(row, 0));
     return py::tuple(std::move(page_id), py::to_str(py::item(row, 1)));
   });
@@ -80,7 +94,10 @@ constexpr py::Text kNoTitle{""};
 
 Owned wiki_chunk_texts(const Call& call, Handle branch) {
   const Owned rows = host::fetchall(call, call.text(kReadTexts), py::tuple(branch));
-  return py::list_of(rows, [&](const Owned& row) {
+  return py::list_of(rows, [&](Owned row) {
+    if (is_exact_tuple<&PyLong_Type, &PyUnicode_Type, &PyUnicode_Type, &PyUnicode_Type,
+                       &PyUnicode_Type>(row))
+      return row;
     Owned id = py::to_int(py::item(row, 0));
     Owned page_id = py::to_str(py::item(row, 1));
     const Owned stored_title = py::item(row, 2);
