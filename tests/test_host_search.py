@@ -113,6 +113,13 @@ class Cosine(unittest.TestCase):
         for (_, found), exact in zip(hits, (1, 1, 1, 0, 0, 0, -1)):
             self.assertAlmostEqual(found, exact, delta=TOLERANCE)
             self.assertLessEqual(abs(found), 1.0)
+        rng = random.Random(1)
+        for _ in range(300):
+            vector = [rng.gauss(0, 1) for _ in range(9)]
+            (_, same), (_, opposite) = index_of(
+                [(1, vector), (2, [-x for x in vector])], 9
+            ).nearest(vector, 2)
+            self.assertTrue(-1.0 <= opposite < -1 + TOLERANCE and 1 - TOLERANCE < same <= 1.0)
         for query in ([0.0, 0.0], [math.nan, 1.0]):
             self.assertEqual(index.nearest(query, 3), [(-5, 0.0), (1, 0.0), (2, 0.0)])
         self.assertEqual(index.similarities([1.0, 1.0], [0, 99, -5]), [0.0, 0.0, 0.0])
@@ -174,24 +181,23 @@ class Cosine(unittest.TestCase):
         self.assertEqual([chunk_id for chunk_id, _ in index.nearest([1.0, 0.0], 9)], [1, 3, 2])
 
     def test_searches_go_on_while_other_threads_load(self) -> None:
-        # Large enough for a scan to let the other threads run.
-        first = [(i, array("f", [1.0] * 64)) for i in range(3000)]
-        second = [(i, array("f", [-1.0] * 64)) for i in range(3000)]
-        index = index_of(first, 64)
+        # The scan takes longer than the load that drops the matrix under it.
+        vectors = [(i, array("f", [1.0] * 64)) for i in range(20000)]
+        index = index_of(vectors, 64)
         done = threading.Event()
 
         def load() -> None:
             while not done.is_set():
-                index.load(second)
-                index.load(first)
+                index.load([])
+                index.load(vectors)
 
         loader = threading.Thread(target=load)
         loader.start()
         try:
             for _ in range(200):
-                hits = index.nearest([1.0] * 64, 3000)
-                self.assertEqual(len({similarity for _, similarity in hits}), 1)
-                self.assertEqual([chunk_id for chunk_id, _ in hits], list(range(3000)))
+                hits = index.nearest([1.0] * 64, 30)
+                self.assertIn([chunk_id for chunk_id, _ in hits], ([], list(range(30))))
+                self.assertLessEqual({similarity for _, similarity in hits}, {1.0})
         finally:
             done.set()
             loader.join()
@@ -233,10 +239,11 @@ class Words(unittest.TestCase):
     def test_common_words_left_out_cost_no_better_result(self) -> None:
         seed = random.randrange(2**32)
         rng = random.Random(seed)
-        vocabulary = [f"word{i}" for i in range(60)]
+        vocabulary = [f"word{i}" for i in range(400)]
+        weights = [1 / (i + 1) for i in range(400)]
         items = []
         for chunk_id in range(1, 1501):
-            text = rng.choices(vocabulary, [1 / (i + 1) for i in range(60)], k=rng.randrange(5, 60))
+            text = rng.choices(vocabulary, weights, k=rng.randrange(5, 60))
             items.append((chunk_id, rng.choice(vocabulary), " ".join(text)))
         with mock.patch.object(wiki_chunk_words, "_MANY_CHUNKS", 10**9):
             whole = ChunkWords.build(items)
@@ -252,7 +259,7 @@ class Words(unittest.TestCase):
             )
             return [by_id[chunk_id] for chunk_id in found]
 
-        for others in (["word9"], [], ["word1", "word40"], ["none"]):
+        for others in (["word9"], [], ["word10", "word100"], ["none"]):
             terms = ["word0", *others]
             with self.subTest(seed=seed, terms=terms):
                 found, expected = words.best(terms, 20), whole.best(terms, 20)

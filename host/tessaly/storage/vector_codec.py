@@ -28,7 +28,9 @@ class VectorCodec:
         """
         kind = type(embedding)
         try:
-            vector = array("f", embedding if kind is list or kind is tuple else _numbers(embedding))
+            if kind is not list and kind is not tuple:
+                _check_sequence(embedding)
+            vector = array("f", embedding)
         except TypeError as error:
             raise TypeError(f"an embedding is a sequence of numbers: {error}") from error
         except OverflowError as error:
@@ -61,13 +63,12 @@ class VectorCodec:
         return memoryview(vector).toreadonly()
 
 
-def _numbers(embedding: Any) -> Any:
+def _check_sequence(embedding: Any) -> None:
+    # array() would also take any iterable, and bytes for the raw memory of its numbers.
     if isinstance(embedding, (str, bytes, bytearray, Mapping, Set)) or not (
         hasattr(embedding, "__len__") and hasattr(embedding, "__getitem__")
     ):
         raise TypeError(f"not {type(embedding).__name__}")
-    # array() would take the raw bytes of a buffer for its numbers.
-    return list(embedding)
 
 
 _CODEC = VectorCodec()
