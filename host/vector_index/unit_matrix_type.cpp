@@ -14,7 +14,8 @@ using py::Handle;
 using py::Owned;
 
 struct UnitMatrixObject {
-  PyObject_HEAD std::size_t dimension;
+  PyObject_HEAD
+  std::size_t dimension;
   // Replaced whole by load: a search keeps the one that it started with.
   std::shared_ptr<const UnitMatrix> matrix;
 };
@@ -171,7 +172,7 @@ PyObject* unit_matrix_similarities(PyObject* self, PyObject* const* arguments, P
   });
 }
 
-PyObject* unit_matrix_component_sum(PyObject* self, PyObject*) {
+PyObject* unit_matrix_sum(PyObject* self, PyObject*) {
   return PyFloat_FromDouble(static_cast<double>(native(self).matrix->component_sum()));
 }
 
@@ -236,8 +237,8 @@ Owned make_unit_matrix_type(Handle module) {
       {"similarities", as_method(unit_matrix_similarities), METH_FASTCALL,
        "similarities($self, query, chunk_ids, /)\n--\n\n"
        "The cosine of each of the chunks to the query; 0.0 for one that is not here."},
-      {"component_sum", unit_matrix_component_sum, METH_NOARGS,
-       "component_sum($self, /)\n--\n\n"
+      {"sum", unit_matrix_sum, METH_NOARGS,
+       "sum($self, /)\n--\n\n"
        "The sum of all components, by one plain pass over the matrix: what a search must read."},
       {}};
   static PyGetSetDef attributes[] = {
