@@ -1,0 +1,272 @@
+"""The store's short ways through json and round give what the standard functions give."""
+
+from __future__ import annotations
+
+import builtins
+import json
+import math
+import random
+import sys
+import types
+import unittest
+from collections.abc import Callable, Iterator
+from decimal import Decimal
+from fractions import Fraction
+from typing import Any
+from unittest import mock
+
+from tessaly.storage import repository_wiki
+from tests.support import StoreTestCase
+
+Text = type("Text", (str,), {})
+Whole = type("Whole", (int,), {"__repr__": lambda self: "whole"})
+Real = type("Real", (float,), {"__repr__": lambda self: "real"})
+Items = type("Items", (list,), {})
+Mapping = type("Mapping", (dict,), {"items": lambda self: [("own", 1)]})
+
+
+class Sink:
+    """A database that takes everything and remembers the last statement's parameters."""
+
+    def __init__(self) -> None:
+        self.parameters: tuple[Any, ...] = ()
+        self.rows = [(1, "text", "[1]")]
+
+    def transaction(self) -> Sink:
+        return self
+
+    __enter__ = transaction
+
+    def __exit__(self, *_error: object) -> None: ...
+
+    def execute(self, _statement: str, parameters: tuple[Any, ...]) -> Sink:
+        if len(parameters) > 2:
+            self.parameters = parameters
+        return self
+
+    def fetchone(self) -> Any:
+        return self.rows[0]
+
+    def fetchall(self, *page_rows_wanted: Any) -> list[Any]:
+        return [(1, "p", "t", "r")] if page_rows_wanted else self.rows
+
+
+class Index:
+    """An index of one chunk that answers any hits."""
+
+    dimension = 0
+
+    def __init__(self, stored: Any, hits: list[Any]) -> None:
+        self.chunks = {1: (1, None, "text", stored)}
+        self.ranked = lambda _query, _top_k, _terms: hits
+
+
+class Store(repository_wiki.WikiStore):
+    def __init__(self) -> None:
+        self.db = Sink()
+
+    def dumped(self, value: Any) -> str:
+        self.upsert_wiki_page("b", "p", "t", citations=value)
+        return self.db.parameters[12]
+
+    def dumped_with_chunk(self, value: Any) -> str:
+        chunk = {"content": "", "embedding": [], "citations": value}
+        with mock.patch.object(repository_wiki, "stored_vectors", lambda _db: Codec):
+            self.replace_wiki_chunks(1, "b", [chunk], "m")
+        return self.db.parameters[5]
+
+    def loaded(self, text: Any) -> Any:
+        self._wiki_chunk_index = lambda _branch: Index(text, [(1, 0.0, None)])
+        return self.search_wiki_chunks([], "b")[0]["citations"]
+
+    def rounded(self, values: list[Any]) -> list[Any]:
+        self._wiki_chunk_index = lambda _branch: Index("", [(1, value, None) for value in values])
+        return [hit["similarity"] for hit in self.search_wiki_chunks([], "b")]
+
+
+class Codec:
+    encode = bytes
+
+
+ALPHABETS = (
+    "abc xyz",
+    'quote"back\\slash/',
+    "".join(map(chr, range(32))) + "\x7f\x80\xa0",
+    "äßéÿĀ中文",
+    "\ud800\udbff\udc00\udfff\uffff",
+    "\U00010000😀\U0010ffff",
+)
+
+
+def random_text(draw: random.Random) -> str:
+    letters = "".join(draw.choices(ALPHABETS, k=draw.randint(1, 3)))
+    return "".join(draw.choices(letters, k=draw.choice((0, 1, 3, 30, 1100))))
+
+
+def random_number(draw: random.Random) -> int | float:
+    kind = draw.randrange(7)
+    if kind < 2:
+        return draw.choice((-1, 1)) * (2 ** draw.randint(0, 70) + draw.randint(-2, 2))
+    if kind == 2:
+        return draw.choice((0, -0.0, 1e16, 1e22, 1e-7, 5e-324, 1.7976931348623157e308, 10**18, 10**400))
+    if kind == 3:
+        return draw.choice((math.inf, -math.inf, math.nan))
+    return draw.uniform(-1, 1) * 10 ** draw.randint(-20, 20)
+
+
+def random_value(draw: random.Random, depth: int = 0) -> Any:
+    kind = draw.randrange(12 if depth < 5 else 6)
+    if kind < 2:
+        return random_text(draw)
+    if kind < 4:
+        return random_number(draw)
+    if kind < 6:
+        return draw.choice((None, True, False, "", 0))
+    items = [random_value(draw, depth + 1) for _ in range(draw.choice((0, 1, 2, 5)))]
+    if kind < 8:
+        return draw.choice((list, tuple))(items)
+    if kind < 11:
+        return {random_text(draw): item for item in items}
+    odd = [Text("t"), Whole(7), Real(0.5), Items([1]), Mapping(a=2), {1: 2}, {None: 1, True: 2}]
+    odd += [{1.5: Real(2)}, {Text("k"): 1}, b"bytes", {3, 4}, {(1, 2): 3}, object, Decimal(1)]
+    return draw.choice(odd)
+
+
+def mutated(draw: random.Random, text: str) -> str:
+    pieces = ["", " ", "\n", "\x00", "\ufeff", "NaN", "-Infinity", "null", "tru", "-", "01", "1.", ".5"]
+    pieces += ["1e", "1E+5", "\\u12", "\\ud834", "\\udd1e", "\\u00zz", "\\x", '"', "[", "]", "{", "}"]
+    pieces += [",", ":", '"a":', "\x1f", "é", "-0", "-0.0", "1" * 25, "9" * 18, "0.1" + "2" * 80, "1e999"]
+    for _ in range(draw.choice((0, 1, 1, 2, 5))):
+        at = draw.randint(0, len(text))
+        text = text[:at] + draw.choice(pieces) + text[at + draw.choice((0, 0, 1, 3)) :]
+    return text
+
+
+def awkward_numbers(draw: random.Random) -> Iterator[Any]:
+    for scale in (1, 0.1, 1e-3, 10, 1e6, 1e10):
+        whole = draw.randint(-(10**5), 10**5)
+        near = (whole + draw.choice((0.5, 0, 0.25))) / 10**4 * scale
+        yield from (near, math.nextafter(near, math.inf), math.nextafter(near, -math.inf), -near)
+    yield draw.uniform(-1, 1)
+    yield random_number(draw)
+    yield math.ldexp(draw.random(), draw.randint(-1074, 1023)) * draw.choice((-1, 1))
+
+
+def outcome(function: Callable[[Any], Any], value: Any) -> Any:
+    """The result to the last sign and type, or the error with all that it says."""
+    try:
+        result = function(value)
+    except (Exception, RecursionError) as error:
+        place = getattr(error, "pos", None), getattr(error, "lineno", None)
+        notes = getattr(error, "__notes__", None)
+        return type(error), str(error), place, notes
+    return type(result), repr(result)
+
+
+class Equality(StoreTestCase):
+    def setUp(self) -> None:
+        self.store = Store()
+
+    def test_what_is_stored_is_what_dumps_gives(self) -> None:
+        draw = self.random("dumps")
+        circle: list[Any] = [1]
+        circle.append({"again": circle})
+        deep: Any = []
+        values = [circle, "x" * 5000, "\ud83d\ude00", ["\ud800" * 999]]
+        for depth in range(1200):
+            deep = [deep] if depth % 2 else {"d": deep}
+            if depth in (50, 58, 59, 60, 61, 62, 70, 1199):
+                values.append(deep)
+        del deep
+        values += [random_value(draw) for _ in range(self.rounds(6000))]
+        for value in values:
+            expected = outcome(lambda value: json.dumps(value or []), value)
+            self.assertEqual(outcome(self.store.dumped, value), expected)
+            expected = outcome(json.dumps, value)
+            self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
+        circle.clear()
+
+    def test_what_a_search_returns_is_what_loads_gives(self) -> None:
+        draw = self.random("loads")
+        texts: list[Any] = ["\ufeff[]", b"[1]", bytearray(b'{"a": 1}'), b"\xff", 7, [1], Text("[2]")]
+        texts += [opening * depth for opening in '[{"a":' for depth in (1, 59, 60, 61, 62, 3000)]
+        texts += ["[" * depth + "]" * depth for depth in (59, 60, 61, 62, 900)]
+        for _ in range(self.rounds(12000)):
+            try:
+                text = json.dumps(random_value(draw), ensure_ascii=draw.random() < 0.5)
+            except TypeError:
+                continue
+            texts.append(mutated(draw, draw.choice((text, text[: draw.randint(0, 90)]))))
+        for text in texts:
+            expected = outcome(lambda text: json.loads(text) if text else [], text)
+            self.assertEqual(outcome(self.store.loaded, text), expected, text)
+
+    def test_similarities_are_what_round_gives(self) -> None:
+        class Rounds:
+            def __round__(self, digits: int) -> tuple[str, int]:
+                return "rounded", digits
+
+        draw = self.random("round")
+        numbers = [value for _ in range(self.rounds(3000)) for value in awkward_numbers(draw)]
+        numbers += [sign * half for sign in (1, -1) for half in (5e-5, 1.5e-4, 0.00005000000000000001)]
+        numbers += [0.0, -0.0, math.inf, -math.inf, math.nan, 1e300, 5e-324, -4e-5, 2.5, True, 12345, -7]
+        numbers += [Real(0.12345), Whole(3), Decimal("0.12345"), Fraction(1, 3), Rounds()]
+        for value, found in zip(numbers, self.store.rounded(numbers), strict=True):
+            expected = round(value, 4)
+            same = (type(found), repr(found)) == (type(expected), repr(expected))
+            self.assertTrue(same, f"round({value!r}, 4): {found!r}, not {expected!r}")
+        for value in (None, "1", [], 1j):
+            expected = outcome(lambda value: round(value, 4), value)
+            self.assertEqual(outcome(lambda value: self.store.rounded([value]), value), expected)
+
+
+class Rebinding(StoreTestCase):
+    def test_a_function_that_was_put_in_the_place_of_another_is_called(self) -> None:
+        def refresh() -> Any:
+            store = Store()
+            given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
+            store.update_wiki_page_citations("b", "p", rewrite=str, **given)
+            return store.db.parameters
+
+        def import_own(name: str, *rest: Any) -> Any:
+            return own if name == "json" else old_import(name, *rest)
+
+        own = types.SimpleNamespace(dumps=lambda _value: "own", loads=lambda _text: ["own"])
+        encoder, decoder = json.JSONEncoder(), json.JSONDecoder()
+        encoder.encode, decoder.decode = own.dumps, own.loads
+        options = json.dumps.__kwdefaults__ | {"cls": lambda **_options: encoder}
+        old_import = builtins.__import__
+        writers = {
+            "page": lambda: Store().dumped([1]),
+            "page without": lambda: Store().dumped(None),
+            "chunk": lambda: Store().dumped_with_chunk([1]),
+        }
+        calls = {**writers, "search": lambda: Store().loaded("[1]"), "refresh": refresh}
+        put = mock.patch.object
+        table: list[tuple[Any, str]] = [
+            (put(json, "dumps", own.dumps), "page page without chunk refresh"),
+            (put(json, "loads", own.loads), "search refresh"),
+            (put(json, "_default_encoder", encoder), "page page without chunk refresh"),
+            (put(json, "_default_decoder", decoder), "search refresh"),
+            (put(json.dumps, "__kwdefaults__", options), "page page without chunk refresh"),
+            (put(repository_wiki, "json", own), "search refresh"),
+            (mock.patch.dict(sys.modules, json=own), "page page without chunk"),
+            (put(builtins, "__import__", import_own), "page page without chunk"),
+        ]
+        for number, (patch, seers) in enumerate(table):
+            genuine = [str(call()) for call in calls.values()]
+            self.assertFalse([text for text in genuine if "own" in text])
+            with patch:
+                seen = [name for name, call in calls.items() if "own" in str(call())]
+            self.assertEqual(" ".join(seen), seers, f"patch {number}")
+        for home in (builtins, repository_wiki):
+            with put(home, "round", lambda *given: given, create=home is not builtins):
+                self.assertEqual(Store().rounded([0.5]), [(0.5, 4)])
+        with put(builtins, "__import__", side_effect=ImportError("none")):
+            self.assertRaisesRegex(ImportError, "none", writers["page"])
+        with mock.patch.dict(sys.modules, json=None):
+            self.assertRaisesRegex(ImportError, "import of json halted", writers["chunk"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,284 @@
+"""What can be seen of the module and the class from outside, and calls with wrong arguments."""
+
+from __future__ import annotations
+
+import copy
+import functools
+import gc
+import importlib
+import inspect
+import itertools
+import logging
+import pickle
+import pydoc
+import subprocess
+import sys
+import textwrap
+import types
+import unittest
+import weakref
+import zlib
+from collections.abc import Callable
+from typing import Any, get_type_hints
+
+from benchmarks.plain_store import PlainWikiStore
+from tessaly.storage import repository_wiki
+from tessaly.storage.database import Database
+from tessaly.storage.repository_wiki import WikiStore
+from tessaly.storage.wiki_chunk_words import WikiChunkIndex
+from tests.support import StoreTestCase, describe, not_leak_checked
+
+NAME = "tessaly.storage.repository_wiki"
+Pages = list[dict[str, Any]]
+Maybe = dict[str, Any] | None
+RESULTS = {  # every method in class order, with its result and the CRC-32 of its docstring
+    "_wiki_chunk_indexes": (dict[str, WikiChunkIndex], 0xE557E759),
+    "invalidate_wiki_chunk_index": (None, 0xF52DDD1B),
+    "upsert_wiki_page": (int, 0xB279D8FF),
+    "replace_wiki_chunks": (int, 0x09818E02),
+    "wiki_chunk_headings": (list[tuple[str, str]], 0xAD09128C),
+    "wiki_chunk_texts": (list[tuple[int, str, str, str, str]], 0xC6E15BCC),
+    "update_wiki_chunk_embeddings": (int, 0x289FAC56),
+    "wiki_chunk_dimension": (int | None, 0xD707E2ED),
+    "search_wiki_chunks": (Pages, 0xD7C41498),
+    "_wiki_chunk_index": (WikiChunkIndex | None, 0xCB98685D),
+    "get_wiki_pages": (Pages, 0xD1F9415D),
+    "wiki_pages_citing": (Pages, 0x64456C2C),
+    "get_wiki_page": (Maybe, 0xB0A4197A),
+    "update_wiki_page_citations": (None, 0xF313CC37),
+    "delete_wiki_page": (bool, 0xCFE58E98),
+    "get_wiki_state": (Maybe, 0x1AE8377C),
+    "upsert_wiki_state": (None, 0xE327D83A),
+    "bump_wiki_changed": (int, 0x98D2DD3D),
+}
+CLASS_DOC = """The wiki store, mixed into ``Repository``.
+
+    ``search_wiki_chunks`` keeps an index per branch. Whatever writes or deletes chunks through this
+    store invalidates it; the index generation (``Database.index_generation``) is part of its key,
+    so a wholesale swap of the index rebuilds it in every process.
+    """
+MODULE_NAMES = (
+    "json logging Callable Sequence Any Database stored_vectors EmbeddingIndex ChunkWords"
+    " WikiChunkIndex WIKI_PAGE_COLUMNS moved_citation row_to_wiki_page logger WikiStore"
+).split()
+PLAIN = {name: vars(PlainWikiStore)[name] for name in RESULTS}
+
+
+class Shape(StoreTestCase):
+    def test_module_names_and_docstring(self) -> None:
+        names = list(vars(repository_wiki))
+        self.assertEqual([name for name in names if not name.startswith("_")], MODULE_NAMES)
+        self.assertEqual(repository_wiki.__name__, NAME)
+        self.assertIs(repository_wiki.logger, logging.getLogger(NAME))
+        self.assertRegex(
+            repository_wiki.__doc__,
+            r"(?s)\A\S[^\n]*wiki store of the repository.*\n\nA mixin of"
+            r" :class:`tessaly.storage.repository.Repository`: its methods use the"
+            r" repository's\s``db``.\n\Z",
+        )
+
+    def test_class_attributes(self) -> None:
+        expected = {
+            "__module__": NAME,
+            "__doc__": CLASS_DOC,
+            "__qualname__": "WikiStore",
+            "__firstlineno__": 22,
+            "__annotations__": {"db": Database},
+            "__static_attributes__": (),
+        }
+        for name, value in expected.items():
+            self.assertEqual(getattr(WikiStore, name), value, name)
+        order = ["__module__", "__doc__", "__firstlineno__", "__annotations__", *RESULTS]
+        given = [name for name in vars(WikiStore) if name not in ("__dict__", "__weakref__")]
+        self.assertEqual(given, [*order, "__static_attributes__"])
+        self.assertEqual((type(WikiStore), WikiStore.__bases__), (type, (object,)))
+        self.assertEqual(WikiStore.__basicsize__, type("Empty", (), {}).__basicsize__)
+
+    def test_every_method_shows_what_a_python_function_does(self) -> None:
+        same = "__defaults__ __kwdefaults__ __name__ __closure__ __type_params__".split()
+        for name, (result, doc_sum) in RESULTS.items():
+            with self.subTest(name):
+                method, plain = vars(WikiStore)[name], PLAIN[name]
+                for attribute in same:
+                    self.assertEqual(getattr(method, attribute), getattr(plain, attribute))
+                self.assertEqual(method.__qualname__, f"WikiStore.{name}")
+                self.assertEqual((method.__module__, method.__dict__), (NAME, {}))
+                self.assertEqual(zlib.crc32(method.__doc__.encode()), doc_sum, method.__doc__)
+                hints = get_type_hints(plain)
+                hints["return"] = result
+                self.assertEqual(list(method.__annotations__), list(plain.__annotations__))
+                self.assertEqual(method.__annotations__, hints)
+                signature = inspect.signature(method)
+                self.assertEqual(str(signature), str(inspect.signature(plain, eval_str=True)))
+                helped = pydoc.render_doc(method, renderer=pydoc.plaintext)
+                self.assertIn(f"{name}{signature}", describe("wiki_" + helped))
+        rewrite = WikiStore.update_wiki_page_citations.__annotations__["rewrite"]
+        self.assertIs(type(rewrite), type(Callable[[str], str]))
+
+    def test_methods_bind_as_functions_do(self) -> None:
+        class Deriving(WikiStore, dict):
+            def get_wiki_state(self, branch: str) -> Any:
+                return ("derived", super().get_wiki_state(branch))
+
+        one = Deriving()
+        one.db = types.SimpleNamespace(fetchone=lambda _statement, parameters: None)
+        self.assertEqual((list(one.__dict__), Deriving.__mro__[1]), (["db"], WikiStore))
+        self.assertEqual(one.get_wiki_state("b"), ("derived", None))
+        self.assertIsNone(WikiStore.get_wiki_state(one, "b"))
+        self.assertIsNone(WikiStore.get_wiki_state(types.SimpleNamespace(db=one.db), "b"))
+        self.assertIsNone(functools.partial(WikiStore.get_wiki_state, one)(branch="b"))
+        method = one.get_wiki_page
+        self.assertIs(type(method), types.MethodType)
+        self.assertIs(method.__self__, one)
+        self.assertIs(method.__func__, vars(WikiStore)["get_wiki_page"])
+        self.assertIs(WikiStore.get_wiki_page, vars(WikiStore)["get_wiki_page"])
+        self.assertEqual(method, one.get_wiki_page)
+        self.assertIs(WikiStore.get_wiki_page.__get__(None, WikiStore), WikiStore.get_wiki_page)
+        self.assertIs(method.__func__.__get__(one, None).__self__, one)
+        with self.assertRaisesRegex(AttributeError, "__dict__"):
+            WikiStore._wiki_chunk_indexes(object())
+
+    def test_functions_can_be_copied_pickled_referred_to_weakly_and_given_attributes(self) -> None:
+        for name in RESULTS:
+            method = getattr(WikiStore, name)
+            self.assertIs(pickle.loads(pickle.dumps(method)), method)
+            self.assertIs(copy.deepcopy(method), method)
+            self.assertIs(weakref.ref(method)(), method)
+            self.assertTrue(gc.is_tracked(method))
+            self.assertIn(name, repr(method))
+            method.note = self
+            self.assertEqual(method.__dict__, {"note": self})
+            del method.note
+            self.assertFalse(hasattr(method, "note"))
+        for refused in ("__name__", "__code__", "__globals__"):
+            self.assertRaises((AttributeError, TypeError), setattr, method, refused, 5)
+
+    def test_defaults_that_are_set_are_used(self) -> None:
+        page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks
+        asked: list[Any] = []
+        index = types.SimpleNamespace(dimension=0, chunks={}, ranked=lambda *a: asked.append(a) or [])
+        one = type("One", (WikiStore,), {"_wiki_chunk_index": lambda _self, _branch: index})()
+        one.db = types.SimpleNamespace(fetchall=lambda _statement, _parameters: [])
+        old = search.__defaults__, search.__kwdefaults__, page.__kwdefaults__, page.__doc__
+        try:
+            search.__defaults__, search.__kwdefaults__ = ("b", 7), {"terms": ["w"]}
+            one.search_wiki_chunks([])
+            search.__kwdefaults__ = None
+            with self.assertRaisesRegex(TypeError, r"missing 1 required keyword-only .*: 'terms'"):
+                one.search_wiki_chunks([], "b")
+            search.__defaults__ = None
+            with self.assertRaisesRegex(TypeError, "arguments: 'branch' and 'top_k'"):
+                one.search_wiki_chunks([], terms=())
+            page.__kwdefaults__.pop("model")
+            with self.assertRaisesRegex(TypeError, "'model'"):
+                one.upsert_wiki_page("b", "p", "t")
+            page.__doc__ = "other"
+            self.assertEqual(inspect.getdoc(WikiStore.upsert_wiki_page), "other")
+        finally:
+            search.__defaults__, search.__kwdefaults__, page.__kwdefaults__, page.__doc__ = old
+            keys = list(PLAIN["upsert_wiki_page"].__kwdefaults__)
+            page.__kwdefaults__ = {key: old[2].get(key) for key in keys}
+        self.assertEqual(asked, [([], 7, ["w"])])
+
+    def test_wrong_arguments_are_refused_in_the_interpreters_words(self) -> None:
+        checked = 0
+        for name, plain in PLAIN.items():
+            parameters = list(inspect.signature(plain).parameters.values())[1:]
+            keyword_only = [one.name for one in parameters if one.kind is one.KEYWORD_ONLY]
+            positional = len(parameters) - len(keyword_only)
+            required = [one.name for one in parameters if one.default is one.empty]
+            names = [one.name for one in parameters]
+            keywords: list[dict[str, Any]] = [{}, {"brnch": 1}, {"self": 1}, {"citaitons": 1, "x": 2}]
+            keywords += [{key: 1} for key in names]
+            keywords += [{key: 1 for key in required if key != left} for left in required]
+            keywords += [{key: 1 for key in required} | {"self": 2}, {"": 0}, dict.fromkeys(names, 1)]
+            for count, given in itertools.product(range(positional + 3), keywords):
+                with self.subTest(name, positional=count, keywords=list(given)):
+                    errors = []
+                    for store in (PlainWikiStore, WikiStore):
+                        with self.assertRaises((TypeError, AttributeError)) as caught:
+                            getattr(store, name)(*[object()] * count, **given)
+                        text = str(caught.exception).replace("PlainWikiStore", "WikiStore")
+                        errors.append((type(caught.exception), text))
+                    self.assertEqual(*errors)
+                    checked += 1
+        self.assertGreater(checked, 1000)
+        for spread in ({1: 2}, {type("Key", (str,), {})("branch"): "b", "page_id": "p"}):
+            errors = []
+            for store in (PlainWikiStore, WikiStore):
+                with self.assertRaises((TypeError, AttributeError)) as caught:
+                    store.get_wiki_page(object(), **spread)
+                errors.append(str(caught.exception).replace("Plain", ""))
+            self.assertEqual(*errors)
+
+
+class Life(StoreTestCase):
+    def tearDown(self) -> None:
+        sys.modules[NAME] = sys.modules["tessaly.storage"].repository_wiki = repository_wiki
+
+    def import_anew(self) -> Any:
+        sys.modules.pop(NAME, None)
+        try:
+            return importlib.import_module(NAME)
+        finally:
+            self.tearDown()
+
+    def test_modules_their_classes_and_methods_are_collected(self) -> None:
+        for _ in range(10 if self.repeating else 100):
+            again = self.import_anew()
+            self.assertIsNot(again.WikiStore, WikiStore)
+            one = again.WikiStore()
+            one.myself, one.cached = one, one._wiki_chunk_indexes
+            one.cached()
+            method = again.WikiStore.get_wiki_page
+            gone = [weakref.ref(each) for each in (again, again.WikiStore, method, one)]
+            del again, one, method
+        gc.collect()
+        self.assertEqual([reference() for reference in gone], [None] * 4)
+
+    def test_a_method_outlives_its_module(self) -> None:
+        method = self.import_anew().WikiStore.invalidate_wiki_chunk_index
+        gc.collect()
+        self.assertIsNone(method(types.SimpleNamespace(_wiki_chunk_indexes=dict)))
+
+    def test_import_fails_when_the_host_lacks_a_name_or_a_module(self) -> None:
+        lacking = {
+            "database": "Database",
+            "vector_codec": "stored_vectors",
+            "vector_index": "EmbeddingIndex",
+            "wiki_chunk_words": "WikiChunkIndex",
+            "wiki_rows": "row_to_wiki_page",
+        }
+        for home, name in lacking.items():
+            module = sys.modules[f"tessaly.storage.{home}"]
+            value = getattr(module, name)
+            missing = rf"^cannot import name '{name}' from '{module.__name__}' \(.*\)$"
+            halted = f"^import of {module.__name__} halted; None in sys.modules$"
+            try:
+                delattr(module, name)
+                self.assertRaisesRegex(ImportError, missing, self.import_anew)
+                sys.modules[module.__name__] = None
+                self.assertRaisesRegex(ImportError, halted, self.import_anew)
+            finally:
+                sys.modules[module.__name__] = module
+                setattr(module, name, value)
+
+    @not_leak_checked("the subject runs in a process of its own")
+    def test_methods_that_call_each_other_without_end_raise_a_recursion_error(self) -> None:
+        code = """
+            from tessaly.storage.repository_wiki import WikiStore
+            class Endless(WikiStore):
+                _wiki_chunk_indexes = WikiStore.invalidate_wiki_chunk_index
+            try:
+                Endless().invalidate_wiki_chunk_index()
+            except RecursionError:
+                print("refused")
+        """
+        done = subprocess.run(
+            [sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True
+        )
+        self.assertEqual((done.returncode, done.stdout), (0, "refused\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()
