@@ -7,22 +7,16 @@ export PYTHONDONTWRITEBYTECODE := 1
 
 # Found when a recipe first needs it, once.
 python = $(eval python := $$(shell tools/find_python.sh "$(PYTHON)"))$(python)
-need_python = @test -n "$(python)"
-run_python = PYTHONPATH="$(BUILD)/python" "$(python)"
-sources = $(shell git ls-files 'storage/*.cpp' 'storage/*.h' 'host/*.cpp' 'host/*.h')
 
-.PHONY: help build test demo bench lint format sanitize memcheck soak wheel install clean
+.PHONY: help build test demo bench lint format sanitize memcheck soak wheel clean
 
 help: ## this list
 	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | awk -F'\t' '{printf "make %-10s %s\n", $$1, $$2}'
 
 build: ## configure and build; leaves an importable tree in build/python
-	$(need_python)
+	@test -n "$(python)"
 	@tools/require.sh c++=g++ cmake
-	@cmake -S . -B "$(BUILD)" $(if $(wildcard $(BUILD)/CMakeCache.txt),,$(if $(shell command -v ninja),-G Ninja)) \
-	    -DPython_EXECUTABLE="$(python)" $(CMAKE_OPTIONS) >"$(BUILD).log" 2>&1 || { cat "$(BUILD).log" >&2; rm -f "$(BUILD).log"; exit 1; }
-	@rm -f "$(BUILD).log"
-	@cmake --build "$(BUILD)" --parallel
+	@PYTHON="$(python)" tools/build.sh "$(BUILD)" $(CMAKE_OPTIONS)
 
 test: build ## build, then run every test
 	@ctest --test-dir "$(BUILD)" --output-on-failure --parallel 2 $(if $(TESTS),-R '$(TESTS)')
@@ -30,14 +24,32 @@ test: build ## build, then run every test
 demo: build ## build the wiki of this repository (or REPO=...) and ask it (or QUESTION=...)
 	@BUILD="$(BUILD)" PYTHON="$(python)" tools/demo.sh "$(REPO)" "$(QUESTION)"
 
-bench: build ## the speed tables: native against plain Python, and the ranking
+bench: build ## the speed tables: native against plain Python, the ranking, the import
 	@PYTHONPATH="$(BUILD)/python:." "$(python)" -P -m benchmarks $(BENCH)
 
+lint: build ## layout, clang-tidy, exported symbols, house rules
+	@tools/require.sh clang-format clang-tidy nm=binutils git
+	@BUILD="$(BUILD)" tools/lint.sh
+
+format: ## lay out the C++ sources
+	@tools/require.sh clang-format git
+	@clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+sanitize: ## every test under AddressSanitizer and UndefinedBehaviorSanitizer
+	@$(MAKE) --no-print-directory build BUILD=$(BUILD)-sanitize CMAKE_OPTIONS=-DTESSALY_SANITIZE=ON
+	@ctest --test-dir "$(BUILD)-sanitize" --output-on-failure --parallel 2 $(if $(TESTS),-R '$(TESTS)')
+
+memcheck: build ## the store's tests under valgrind, where it is installed (slow)
+	@BUILD="$(BUILD)" PYTHON="$(python)" tools/memcheck.sh
+
+soak: build ## the long versions of the tests of threads, processes and random data
+	@TESSALY_SOAK=1 ctest --test-dir "$(BUILD)" --output-on-failure -R 'store_(threads|processes|json|hostile)'
+
 wheel: ## the module, its stub and py.typed as a wheel in dist/ (needs scikit-build-core)
-	$(need_python)
+	@test -n "$(python)"
 	@"$(python)" -c 'import packaging, pathspec, scikit_build_core.build' 2>/dev/null || { \
 	    echo "make wheel: $(python) cannot import scikit-build-core, pathspec and packaging" >&2; exit 1; }
 	@"$(python)" -m pip --disable-pip-version-check wheel --no-build-isolation --no-deps -w dist .
 
 clean: ## remove what was built
-	rm -rf "$(BUILD)" build-sanitize dist
+	rm -rf "$(BUILD)" "$(BUILD)-sanitize" dist

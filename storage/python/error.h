@@ -2,11 +2,19 @@
 
 #include <Python.h>
 
-#include <source_location>
-
 namespace tessaly::py {
 
-using Where = std::source_location;
+/// A place in the source. As a default argument, `Where::current()` is the place of the call.
+/// (Plain builtins, because not every tool that reads this knows std::source_location.)
+struct Where {
+  const char* file;
+  int line;
+
+  static constexpr Where current(const char* file = __builtin_FILE(),
+                                 int line = __builtin_LINE()) noexcept {
+    return {file, line};
+  }
+};
 
 /// Thrown when a Python error is set in the current thread, and only then. It carries no more than
 /// the place of the call that failed, for the traceback; the error itself stays where Python keeps

@@ -20,10 +20,6 @@ std::optional<Owned> encode(Handle value);
 /// known, as they are within one document of the real decoder.
 class KeyCache {
  public:
-  KeyCache() = default;
-  KeyCache(const KeyCache&) = delete;
-  KeyCache& operator=(const KeyCache&) = delete;
-
   /// The str of an ASCII key of 1 to kLongest characters.
   Owned get(const char* key, Py_ssize_t size);
   void clear() noexcept;

@@ -23,7 +23,7 @@ void unpack_into(Target target, Py_ssize_t expected, std::optional<Owned>* items
     items[i] = Owned::steal(next);
   }
   if (PyObject* surplus = PyIter_Next(iterator.ptr())) {
-    const Owned dropped = Owned::steal(surplus);
+    drop(Owned::steal(surplus));
     PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", expected);
     throw_error_set(target.where);
   }

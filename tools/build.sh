@@ -1,0 +1,17 @@
+#!/bin/sh
+# Configures a build folder, silently unless that fails, and builds it.
+# usage: PYTHON=python3.13 tools/build.sh FOLDER [CMAKE_OPTION...]
+set -eu
+
+folder=$1
+shift
+# The generator can be chosen only once.
+if [ ! -f "$folder/CMakeCache.txt" ] && command -v ninja >/dev/null 2>&1; then
+    set -- -G Ninja "$@"
+fi
+mkdir -p "$folder"
+if ! cmake -S . -B "$folder" -DPython_EXECUTABLE="$PYTHON" "$@" >"$folder/configure.log" 2>&1; then
+    cat "$folder/configure.log" >&2
+    exit 1
+fi
+exec cmake --build "$folder" --parallel

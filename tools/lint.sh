@@ -1,0 +1,51 @@
+#!/bin/sh
+# Every static check: layout, clang-tidy, exported symbols, house rules. What `make lint` runs.
+# usage: BUILD=build tools/lint.sh
+set -u
+failed=0
+complain() {
+    printf '%s\n' "$*" >&2
+    failed=1
+}
+
+cpp=$(git ls-files '*.cpp' '*.h')
+# shellcheck disable=SC2086
+clang-format --dry-run --Werror $cpp || complain "lint: run make format"
+
+# The headers are checked through the sources that include them. CPython's headers know which
+# atomics to take from a compiler that says it is a recent GCC, as the real one does.
+git ls-files '*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$BUILD" \
+    --extra-arg=-fgnuc-version=10.2.0 --extra-arg=-Wno-unknown-warning-option 2>"$BUILD/clang-tidy.log" ||
+    complain "lint: clang-tidy found what stands above"
+
+for module in repository_wiki _vector_index; do
+    symbols=$(nm -D --defined-only "$BUILD"/python/tessaly/storage/$module.*.so | awk '{print $3}')
+    [ "$symbols" = "PyInit_$module" ] ||
+        complain "lint: $module must export PyInit_$module alone, not: $symbols"
+done
+
+# rule PATTERN WHY FILE...: no line of the files matches.
+rule() {
+    pattern=$1 why=$2
+    shift 2
+    # shellcheck disable=SC2068
+    if grep -nE "$pattern" $@ /dev/null; then complain "lint: $why"; fi
+}
+# shellcheck disable=SC2086
+{
+    rule 'Py_(X?DECREF|CLEAR|SETREF)\(' 'references are counted in storage/python/reference.h alone' \
+        $(printf '%s\n' $cpp | grep -v '^storage/python/reference\.h$')
+    rule '^(static |inline |thread_local )*(PyObject|PyTypeObject)\>[^()]*[=;{]' \
+        'no Python object at namespace scope: state hangs on the module' $cpp
+    rule 'static (PyObject|PyTypeObject)' 'no static Python object: state hangs on the module' $cpp
+    rule '^[^"/]*[^_[:alnum:]](new [[:alnum:]_:<>]+[({;[]|delete [[:alnum:]_]+;)' 'no naked new or delete' $cpp
+    rule '(TODO|FIXME|XXX)' 'finish it or leave it out' $cpp $(git ls-files '*.py' '*.sh' Makefile)
+    rule '#include "\.\./' 'includes are named from the root of their component' $cpp
+}
+# python/ knows nothing of wikis, and only the host layer knows how the host is called.
+# shellcheck disable=SC2046
+rule '#include "(wiki|host|call|module_state|names)' 'python/ is below everything else' \
+    $(git ls-files 'storage/python/*')
+
+[ $failed = 0 ] && echo "lint: nothing to complain of"
+exit $failed
