@@ -15,6 +15,8 @@ namespace tessaly {
 /// the module object and thereby this.
 struct ModuleState {
   bool cleared = false;  // by the garbage collector: no method may run any more
+  int calls_in_progress = 0;
+
   Names names;
   py::TextPool texts;
   py::GlobalNames globals;  // the module's own namespace, where the host names are read

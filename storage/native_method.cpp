@@ -24,6 +24,58 @@ struct NativeMethod {
 NativeMethod* as_method(PyObject* object) { return reinterpret_cast<NativeMethod*>(object); }
 
 /// The boundary between Python and the bodies: everything thrown ends here as a Python error.
+PyObject* run(const NativeMethod& method, PyObject* const* bound) noexcept {
+  const Call call(*method.state, method.row->name, bound[0]);
+  try {
+    return method.row->invoke(call, bound + 1).release();
+  } catch (...) {
+    const py::ErrorSet error = py::set_error_from_caught();
+    if (!error.traced) call.trace(error.where);
+    return nullptr;
+  }
+}
+
+/// A call that needs its arguments sorted out. As in Python, an error of that has no frame of the
+/// method.
+PyObject* bind_and_run(const NativeMethod& method, PyObject* const* arguments,
+                       std::size_t flags_and_count, PyObject* keyword_names) noexcept {
+  const BoundArguments::Signature signature{method.signature.ptr(), method.names.ptr(),
+                                            method.positional, method.row->parameters};
+  try {
+    const BoundArguments bound(signature, arguments, flags_and_count, keyword_names);
+    return run(method, bound.data());
+  } catch (...) {
+    static_cast<void>(py::set_error_from_caught());
+    return nullptr;
+  }
+}
+
+/// Methods call what they find on objects, and that may be methods again, in a circle without a
+/// Python function in it. Asking the interpreter for its limit costs as much as a small method
+/// does, so it is asked only once so many calls are in progress (in all threads) that it may
+/// matter.
+class RecursionGuard {
+ public:
+  explicit RecursionGuard(int& calls_in_progress) noexcept : calls_(calls_in_progress) {
+    counted_ = ++calls_ > kUncounted;
+    entered_ = !counted_ || Py_EnterRecursiveCall(" while calling a native method") == 0;
+  }
+  RecursionGuard(const RecursionGuard&) = delete;
+  RecursionGuard& operator=(const RecursionGuard&) = delete;
+  ~RecursionGuard() {
+    if (counted_ && entered_) Py_LeaveRecursiveCall();
+    --calls_;
+  }
+  /// If not, RecursionError is set.
+  [[nodiscard]] bool entered() const noexcept { return entered_; }
+
+ private:
+  static constexpr int kUncounted = 100;
+  int& calls_;
+  bool counted_;
+  bool entered_;
+};
+
 PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_t flags_and_count,
                       PyObject* keyword_names) noexcept {
   const NativeMethod& method = *as_method(callable);
@@ -32,31 +84,14 @@ PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_
                  method.row->name);
     return nullptr;
   }
-  const MethodRow& row = *method.row;
-  const BoundArguments::Signature signature{method.signature.ptr(), method.names.ptr(),
-                                            method.positional, row.parameters};
-  // As in Python, an error of binding the arguments has no frame of the method.
-  const auto run = [&](PyObject* const* bound) -> PyObject* {
-    const Call call(*method.state, row.name, bound[0]);
-    try {
-      return row.invoke(call, bound + 1).release();
-    } catch (...) {
-      const py::ErrorSet error = py::set_error_from_caught();
-      if (!error.traced) call.trace(error.where);
-      return nullptr;
-    }
-  };
-  if (keyword_names == nullptr &&
-      static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count)) == row.parameters &&
-      method.positional == row.parameters)
-    return run(arguments);
-  try {
-    const BoundArguments bound(signature, arguments, flags_and_count, keyword_names);
-    return run(bound.data());
-  } catch (...) {
-    static_cast<void>(py::set_error_from_caught());
-    return nullptr;
-  }
+  const RecursionGuard guard(method.state->calls_in_progress);
+  if (!guard.entered()) return nullptr;
+  const auto count = static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count));
+  const std::size_t parameters = method.row->parameters;
+  const bool is_bound =
+      keyword_names == nullptr && count == parameters && method.positional == parameters;
+  return is_bound ? run(method, arguments)
+                  : bind_and_run(method, arguments, flags_and_count, keyword_names);
 }
 
 PyObject* bind(PyObject* self, PyObject* object, PyObject* /*type*/) {

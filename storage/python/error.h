@@ -2,19 +2,30 @@
 
 #include <Python.h>
 
+#include <source_location>
+
 namespace tessaly::py {
 
 /// A place in the source. As a default argument, `Where::current()` is the place of the call.
-/// (Plain builtins, because not every tool that reads this knows std::source_location.)
-struct Where {
-  const char* file;
-  int line;
-
+#ifdef __cpp_lib_source_location
+using Where = std::source_location;
+#else
+/// For tools that read this without knowing the standard's.
+class Where {
+ public:
   static constexpr Where current(const char* file = __builtin_FILE(),
-                                 int line = __builtin_LINE()) noexcept {
+                                 unsigned line = __builtin_LINE()) noexcept {
     return {file, line};
   }
+  [[nodiscard]] constexpr const char* file_name() const noexcept { return file_; }
+  [[nodiscard]] constexpr unsigned line() const noexcept { return line_; }
+
+ private:
+  constexpr Where(const char* file, unsigned line) noexcept : file_(file), line_(line) {}
+  const char* file_;
+  unsigned line_;
 };
+#endif
 
 /// Thrown when a Python error is set in the current thread, and only then. It carries no more than
 /// the place of the call that failed, for the traceback; the error itself stays where Python keeps

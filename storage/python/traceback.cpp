@@ -10,8 +10,8 @@ namespace {
 
 Owned make_frame(const char* function, Where where, PyObject* namespace_dict) {
   // A code object without instructions stands for one line: its first.
-  const Owned code =
-      Owned::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty(where.file, function, where.line)));
+  const Owned code = Owned::steal(reinterpret_cast<PyObject*>(
+      PyCode_NewEmpty(where.file_name(), function, static_cast<int>(where.line()))));
   return Owned::steal(reinterpret_cast<PyObject*>(PyFrame_New(
       PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()), namespace_dict, nullptr)));
 }
