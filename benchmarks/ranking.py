@@ -57,7 +57,7 @@ def _growth(quick: bool) -> None:
             f"{count:8}{readable(load):>10}{readable(copied):>10}{load / copied:7.2f}"
             f"{readable(rank):>10}{readable(read):>10}{rank / read:7.2f}"
         )
-    print("at most                        2.00                        1.50")
+    print(f"{'at most':>28}{2.0:7.2f}{'1.50 at 100000':>27}")
 
 
 def _words(quick: bool) -> None:

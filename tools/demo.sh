@@ -17,9 +17,7 @@ demo build "$tree" --db "$database"
 if [ -n "${2:-}" ]; then
     ask "$2"
 else
-    ask "how is a failed transaction rolled back"
-    ask "reciprocal rank fusion of meaning and words"
-    ask "where are borrowed references turned into owned ones"
+    while read -r question; do ask "$question"; done <tools/questions.txt
 fi
 echo
 demo status "$tree" --db "$database"
