@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "bound_arguments.h"
+#include "python/heap_type.h"
 
 namespace tessaly {
 
@@ -151,12 +152,9 @@ int clear(PyObject* self) {
 }
 
 void dealloc(PyObject* self) {
-  PyObject_GC_UnTrack(self);
+  PyObject_GC_UnTrack(self);  // before the weak references' callbacks, which run Python code
   PyObject_ClearWeakRefs(self);
-  clear(self);
-  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
-  PyObject_GC_Del(self);
-  py::drop(Owned::steal(type));
+  py::dealloc<clear>(self);
 }
 
 #define TESSALY_SHOWN(name, setter) \
@@ -208,26 +206,21 @@ PyMemberDef kMembers[] = {
     {},
 };
 
-template <typename Function>
-void* slot(Function* function) {
-  return reinterpret_cast<void*>(function);
-}
-
 }  // namespace
 
 Owned create_method_type(py::Handle module) {
   PyType_Slot slots[] = {
-      {Py_tp_call, slot(PyVectorcall_Call)},
-      {Py_tp_descr_get, slot(bind)},
-      {Py_tp_repr, slot(represent)},
-      {Py_tp_getattro, slot(get_any)},
-      {Py_tp_setattro, slot(set_any)},
+      {Py_tp_call, py::slot(PyVectorcall_Call)},
+      {Py_tp_descr_get, py::slot(bind)},
+      {Py_tp_repr, py::slot(represent)},
+      {Py_tp_getattro, py::slot(get_any)},
+      {Py_tp_setattro, py::slot(set_any)},
       {Py_tp_getset, kAttributes},
       {Py_tp_methods, kMethods},
       {Py_tp_members, kMembers},
-      {Py_tp_traverse, slot(traverse)},
-      {Py_tp_clear, slot(clear)},
-      {Py_tp_dealloc, slot(dealloc)},
+      {Py_tp_traverse, py::slot(traverse)},
+      {Py_tp_clear, py::slot(clear)},
+      {Py_tp_dealloc, py::slot(dealloc)},
       {0, nullptr},
   };
   PyType_Spec spec{

@@ -1,5 +1,7 @@
 #include "wiki/chunk_rows.h"
 
+#include "python/heap_type.h"
+
 namespace tessaly::wiki {
 
 using py::Owned;
@@ -68,26 +70,13 @@ int clear(PyObject* self) {
   return 0;
 }
 
-void dealloc(PyObject* self) {
-  PyObject_GC_UnTrack(self);
-  clear(self);
-  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
-  PyObject_GC_Del(self);
-  py::drop(Owned::steal(type));
-}
-
-template <typename Function>
-void* slot(Function* function) {
-  return reinterpret_cast<void*>(function);
-}
-
 }  // namespace
 
 Owned create_chunk_rows_type(py::Handle module) {
   PyType_Slot slots[] = {
-      {Py_tp_iter, slot(PyObject_SelfIter)}, {Py_tp_iternext, slot(next)},
-      {Py_tp_traverse, slot(traverse)},      {Py_tp_clear, slot(clear)},
-      {Py_tp_dealloc, slot(dealloc)},        {0, nullptr},
+      {Py_tp_iter, py::slot(PyObject_SelfIter)},     {Py_tp_iternext, py::slot(next)},
+      {Py_tp_traverse, py::slot(traverse)},          {Py_tp_clear, py::slot(clear)},
+      {Py_tp_dealloc, py::slot(py::dealloc<clear>)}, {0, nullptr},
   };
   PyType_Spec spec{
       .name = "tessaly.storage.repository_wiki.chunk_rows",

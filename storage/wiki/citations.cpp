@@ -2,6 +2,7 @@
 
 #include "host.h"
 #include "wiki/chunk_index_cache.h"
+#include "wiki/pages.h"
 
 namespace tessaly::wiki {
 
@@ -9,8 +10,6 @@ using py::Handle;
 using py::Owned;
 
 namespace {
-
-constexpr py::Text kReadPageId{"SELECT id FROM wiki_pages WHERE branch = ? AND page_id = ?"};
 
 constexpr py::Text kUpdatePage{
     "UPDATE wiki_pages SET citations = ?, content_hash = ?, build_cache = ? WHERE id = ?"};

@@ -63,8 +63,6 @@ constexpr py::Text kUpsertPage{R"(
         status=excluded.status, summary=excluded.summary, build_cache=excluded.build_cache,
         page_type=excluded.page_type, generated_at=datetime('now'))"};
 
-constexpr py::Text kReadPageId{"SELECT id FROM wiki_pages WHERE branch = ? AND page_id = ?"};
-
 Owned upsert_wiki_page(const Call& call, Handle branch, Handle page_id, Handle title,
                        Handle description, Handle importance, Handle level, Handle parent_section,
                        Handle rel_path, Handle source_files, Handle source_hashes, Handle symbols,

@@ -5,6 +5,9 @@
 /// The pages of a branch: one row of wiki_pages each.
 namespace tessaly::wiki {
 
+/// The row id of a page, by (branch, page id).
+inline constexpr py::Text kReadPageId{"SELECT id FROM wiki_pages WHERE branch = ? AND page_id = ?"};
+
 py::Owned upsert_wiki_page(const Call& call, py::Handle branch, py::Handle page_id,
                            py::Handle title, py::Handle description, py::Handle importance,
                            py::Handle level, py::Handle parent_section, py::Handle rel_path,
