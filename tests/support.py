@@ -126,7 +126,9 @@ CALLS = frozenset(
     "transaction execute executemany fetchone fetchall index_generation encode decode load ranked"
     " warning".split()
 )
-OPENS = frozenset("transaction __enter__ execute stored_vectors EmbeddingIndex WikiChunkIndex".split())
+OPENS = frozenset(  # what these answer is of the host again
+    "transaction __enter__ execute stored_vectors EmbeddingIndex WikiChunkIndex".split()
+)
 
 
 class Host:
@@ -146,6 +148,7 @@ class Host:
         self.exit_raises: BaseException | None = None
         self.database = database
         self.answers: list[Any] = []  # rows and hits, as the store holds them just now
+        self.row_type: type = tuple
         self.saved: dict[str, Any] = {}
         self.names = {
             "stored_vectors": self.reported("stored_vectors", vector_codec.stored_vectors),
@@ -170,7 +173,7 @@ class Host:
         self.before(name, *arguments, **keywords)
         result = function(*arguments, **keywords)
         if name in ("fetchall", "ranked"):
-            result = [list(row) for row in result]
+            result = [self.row_type(row) for row in result]
             self.answers.append(result)
         return HostObject(self, result) if name in OPENS else result
 
@@ -261,7 +264,7 @@ COLD_CALLS: list[tuple[str, tuple[Any, ...], dict[str, Any]]] = [
     ("replace_wiki_chunks", (1, "main", NEW_CHUNKS, "m"), {}),
     ("wiki_chunk_headings", ("main",), {}),
     ("wiki_chunk_texts", ("main",), {}),
-    ("update_wiki_chunk_embeddings", ("main", [(1, [3.0, 2.0, 1.0]), [2, [1.0, 1.0, 1.0]]], "m"), {}),
+    ("update_wiki_chunk_embeddings", ("main", [(1, [3.0, 2.0, 1.0]), [2, [1, 1, 1]]], "m"), {}),
     ("wiki_chunk_dimension", ("other",), {}),
     ("wiki_chunk_dimension", ("none",), {}),
     ("search_wiki_chunks", ([1.0, 0.25, 0.0], "main"), {}),
@@ -340,7 +343,8 @@ class Run:
         if "moves" in keywords:
             self.keywords["rewrite"] = self.host.reported("rewrite", str.upper)
         self.base = store_class(module)
-        self.store: Any = type("Repository", (self.base, Named), {})(HostObject(self.host, database))
+        repository: Any = type("Repository", (self.base, Named), {})
+        self.store = repository(HostObject(self.host, database))
         fill(database)
         with self.host:
             if warm:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import gc
 import json
+import logging
 import random
 import types
 import unittest
@@ -14,10 +15,10 @@ from benchmarks import plain_store
 from tessaly.storage import repository_wiki as native_store
 from tessaly.storage.database import Database
 from tests.support import CALLS_OF_THE_STORE, Run, StoreTestCase, describe, store_class
-from tests.test_store_json import mutated, random_text, random_value
+from tests.test_store_json import mutated, random_text
 
 NASTY = ["'); DROP TABLE wiki_pages; --", 'a" OR 1=1 --', "nul\0inside", "\ud800", "%s%n{0}", "*"]
-NASTY += ["NEAR(a b", "AND", 'heading:"x', "-", "?", "\\", "\U0010ffff", "", " ", "_wiki_chunk_index"]
+NASTY += ["NEAR(a b", "AND", 'heading:"x', "-", "?", "\\", "\U0010ffff", "", "_wiki_chunk_index"]
 
 
 def nasty(draw: random.Random) -> str:
@@ -27,20 +28,25 @@ def nasty(draw: random.Random) -> str:
 
 
 def spoiled(draw: random.Random, value: Any) -> Any:
-    """The value with some of its strings and numbers made nasty."""
+    """The value with some of its parts made nasty."""
+    if draw.random() < 0.07:
+        odd = (None, 5, 2.5, "ab", b"x", [], [{}], [(1,)], [(1, [1.0], 3)], ("x",) * 70)
+        return draw.choice(odd)
     if isinstance(value, list | tuple):
         return type(value)(spoiled(draw, item) for item in value)
     if isinstance(value, dict):
         return {key: spoiled(draw, item) for key, item in value.items()}
-    if draw.random() < 0.6:
+    if draw.random() < 0.7:
         return value
-    return nasty(draw) if isinstance(value, str) else draw.choice((value, 2**63, -1, 1e400, b"\0"))
+    return nasty(draw) if isinstance(value, str) else draw.choice((2**63, "7", -1, 1e400, b"\0"))
 
 
 class Hostile(StoreTestCase):
     def setUp(self) -> None:
         self.database = Database(":memory:")
         self.addCleanup(self.database.close)
+        logging.disable()  # the host speaks of embeddings that it leaves out
+        self.addCleanup(logging.disable, logging.NOTSET)
 
     def assert_same_outcome(self, prepared: Callable[[Any], Run], act: Any = None) -> None:
         outcomes = [prepared(module).go(act).outcome() for module in (native_store, plain_store)]
@@ -50,26 +56,27 @@ class Hostile(StoreTestCase):
 
     def test_hostile_arguments_are_stored_or_refused(self) -> None:
         draw = self.random("arguments")
-        for _ in range(self.rounds(1200)):
+        for _ in range(self.rounds(2500)):
             case = draw.choice(CALLS_OF_THE_STORE)
-            positional, keywords = spoiled(draw, case[0][1]), spoiled(draw, case[0][2])
+            positional = [spoiled(draw, value) for value in case[0][1]]
+            keywords = {key: spoiled(draw, value) for key, value in case[0][2].items()}
 
             def prepared(module: Any) -> Run:
                 run = Run(module, self.database, case)
-                run.arguments = positional
-                run.keywords |= {key: keywords[key] for key in keywords if key != "moves"}
+                run.arguments, run.keywords = positional, run.keywords | keywords
                 return run
 
             self.assert_same_outcome(prepared)
 
     def test_hostile_rows_are_read_or_refused(self) -> None:
         draw = self.random("rows")
-        columns = ("wiki_chunks", "citations"), ("wiki_chunks", "heading"), ("wiki_chunks", "content")
-        columns += ("wiki_chunks", "embedding"), ("wiki_pages", "source_files"), ("wiki_pages", "title")
+        columns = "citations heading content embedding source_files title".split()
         for _ in range(self.rounds(1500)):
             case = draw.choice(CALLS_OF_THE_STORE)
-            table, column = draw.choice(columns)
-            text = draw.choice((nasty(draw), mutated(draw, "[{}]"), mutated(draw, json.dumps(NASTY))))
+            column = draw.choice(columns)
+            table = "wiki_pages" if column in ("source_files", "title") else "wiki_chunks"
+            stored = mutated(draw, draw.choice(("[{}]", json.dumps(NASTY))))
+            text = draw.choice((nasty(draw), stored))
             text = text.encode("utf-8", "replace").decode()
             value = draw.choice((text, draw.randbytes(draw.randint(0, 17)), bytes(12), 7, 2.5))
             row = draw.randint(1, 3)
@@ -81,76 +88,37 @@ class Hostile(StoreTestCase):
 
             self.assert_same_outcome(lambda module: Run(module, self.database, case), corrupt)
 
-    def test_citations_of_any_shape_come_back_from_a_search(self) -> None:
-        draw = self.random("citations")
-        for _ in range(self.rounds(150)):
-            value = random_value(draw)
-            run = Run(native_store, self.database, CALLS_OF_THE_STORE[0])
-            chunk = {"content": "c", "embedding": [1.0, 0.0, 0.0], "citations": value}
-            with run.host:
-                try:
-                    expected = json.loads(json.dumps(value))
-                    self.assertEqual(run.store.replace_wiki_chunks(2, "main", [chunk], "m"), 1)
-                except (TypeError, ValueError, OverflowError):
-                    continue
-                hits = run.store.search_wiki_chunks([1.0, 0.0, 0.0], "main")
-            [found] = [hit["citations"] for hit in hits if hit["page_id"] == "beta"]
-            self.assertEqual(repr(found), repr(expected))
-
 
 class Biting:
-    """An object whose every special method does something first."""
+    """An object whose special methods all bite before they answer."""
 
     def __init__(self, bite: Callable[[], Any], value: Any = 5) -> None:
         self.bite = bite
         self.value = value
 
-    def __getitem__(self, key: Any) -> Any:
-        self.bite()
-        return self.value[key]
-
-    def __iter__(self) -> Any:
-        self.bite()
-        return iter(self.value)
-
-    def __len__(self) -> int:
-        self.bite()
-        return -1
-
-    def __bool__(self) -> bool:
-        self.bite()
-        return bool(self.value)
-
-    def __eq__(self, other: object) -> bool:
-        self.bite()
-        return self.value == other
-
     def __hash__(self) -> int:
         return hash(self.value)
 
-    def __lt__(self, other: Any) -> Any:
-        self.bite()
-        return NotImplemented
 
-    def __gt__(self, other: Any) -> Any:
-        self.bite()
-        return "odd truth"
+ANSWERS: dict[str, Callable[..., Any]] = {
+    "__getitem__": lambda self, key: self.value[key],
+    "__iter__": lambda self: iter(self.value),
+    "__len__": lambda self: -1,
+    "__bool__": lambda self: bool(self.value),
+    "__eq__": lambda self, other: self.value == other,
+    "__lt__": lambda self, other: NotImplemented,
+    "__gt__": lambda self, other: "odd truth",
+    "__round__": lambda self, digits: ("round", digits),
+    "__int__": lambda self: 7,
+    "__str__": lambda self: "bitten",
+}
+for special, answer in ANSWERS.items():
 
-    def __format__(self, how: str) -> str:
+    def after_the_bite(self: Any, *given: Any, answer: Any = answer) -> Any:
         self.bite()
-        return f"{how}id"
+        return answer(self, *given)
 
-    def __round__(self, digits: int) -> Any:
-        self.bite()
-        return ("round", digits)
-
-    def __int__(self) -> int:
-        self.bite()
-        return 7
-
-    def __str__(self) -> str:
-        self.bite()
-        return "bitten"
+    setattr(Biting, special, after_the_bite)
 
 
 class Bites(StoreTestCase):
@@ -181,8 +149,11 @@ class Bites(StoreTestCase):
             def scenario(store: Any, prey: list[Any], bite: Any) -> Any:
                 rows: list[Any] = [row(bite), [1, 2, 3, 4, 5, 6], row(bite)]
                 prey.append(rows)
-                store.db = types.SimpleNamespace(fetchall=lambda *_: rows, fetchone=lambda *_: rows[0])
-                store.db.index_generation = lambda: Biting(bite)
+                store.db = types.SimpleNamespace(
+                    fetchall=lambda *_: rows,
+                    fetchone=lambda *_: rows[0],
+                    index_generation=lambda: Biting(bite),
+                )
                 return getattr(store, method)("b")
 
             return scenario
@@ -192,8 +163,8 @@ class Bites(StoreTestCase):
                 hits = [hit(bite), (1, 0.5, None), hit(bite)]
                 chunks = {1: stored(bite) if callable(stored) else stored}
                 prey += [hits, chunks]
-                ranked = lambda *_: hits  # noqa: E731
-                index = types.SimpleNamespace(dimension=Biting(bite, 0), chunks=chunks, ranked=ranked)
+                index = types.SimpleNamespace(dimension=Biting(bite, 0), chunks=chunks)
+                index.ranked = lambda *_: hits
                 store.__dict__["_wiki_chunk_index"] = lambda _branch: index
                 store.db = types.SimpleNamespace(fetchall=lambda *_: [(Biting(bite), 1, 2, 3)])
                 return store.search_wiki_chunks([], "b")

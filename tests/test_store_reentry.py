@@ -41,7 +41,8 @@ def to_answers(change: Callable[[Any], None]) -> Act:
 
     def act(run: Run) -> None:
         cache = run.store.__dict__.get(CACHE) or {}
-        for container in containers(run.host.answers + [one.chunks for one in cache.values() if one]):
+        indexed = [one.chunks for one in cache.values() if one]
+        for container in containers(run.host.answers + indexed):
             change(container)
 
     return act
@@ -72,7 +73,7 @@ def write_elsewhere(run: Run) -> None:
 
 
 def write_same(run: Run) -> None:
-    run.store.replace_wiki_chunks(1, "main", [{"content": "new", "embedding": [9.0, 9.0, 9.0]}], "n")
+    run.store.replace_wiki_chunks(1, "main", [{"content": "new", "embedding": [9.0] * 3}], "n")
 
 
 def rebuild(run: Run) -> None:
@@ -148,6 +149,7 @@ class Reentry(StoreTestCase):
         every one if it is 0."""
         run = Run(module, self.database, case)
         run.removed = None
+        run.host.row_type = list if at % 2 else tuple
 
         def interfere(run: Run, number: int, _name: str) -> None:
             if at in (0, number) and number < 60:

@@ -156,7 +156,8 @@ class Shape(StoreTestCase):
     def test_defaults_that_are_set_are_used(self) -> None:
         page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks
         asked: list[Any] = []
-        index = types.SimpleNamespace(dimension=0, chunks={}, ranked=lambda *a: asked.append(a) or [])
+        index = types.SimpleNamespace(dimension=0, chunks={})
+        index.ranked = lambda *given: asked.append(given) or []
         one = type("One", (WikiStore,), {"_wiki_chunk_index": lambda _self, _branch: index})()
         one.db = types.SimpleNamespace(fetchall=lambda _statement, _parameters: [])
         old = search.__defaults__, search.__kwdefaults__, page.__kwdefaults__, page.__doc__
@@ -188,10 +189,10 @@ class Shape(StoreTestCase):
             positional = len(parameters) - len(keyword_only)
             required = [one.name for one in parameters if one.default is one.empty]
             names = [one.name for one in parameters]
-            keywords: list[dict[str, Any]] = [{}, {"brnch": 1}, {"self": 1}, {"citaitons": 1, "x": 2}]
+            keywords: list[dict[str, Any]] = [{}, {"brnch": 1}, {"self": 1}, {"x": 1, "citaton": 2}]
             keywords += [{key: 1} for key in names]
             keywords += [{key: 1 for key in required if key != left} for left in required]
-            keywords += [{key: 1 for key in required} | {"self": 2}, {"": 0}, dict.fromkeys(names, 1)]
+            keywords += [dict.fromkeys([*required, "self"], 1), {"": 0}, dict.fromkeys(names, 1)]
             for count, given in itertools.product(range(positional + 3), keywords):
                 with self.subTest(name, positional=count, keywords=list(given)):
                     errors = []

@@ -83,7 +83,8 @@ class Threads(StoreTestCase):
 
         def move(version: int) -> None:
             given = refresh(content_hash=str(version))
-            write(lambda store: store.update_wiki_page_citations("main", "beta", rewrite=str, **given))
+            given["rewrite"] = str
+            write(lambda store: store.update_wiki_page_citations("main", "beta", **given))
 
         def count(version: int) -> None:
             write(lambda store: store.bump_wiki_changed("main", version))
@@ -120,9 +121,12 @@ class Threads(StoreTestCase):
             except BaseException as error:
                 failed.append(error)
 
-        replace_second = lambda version: replace(2, version)  # noqa: E731
-        tasks = [lambda version: replace(1, version), replace_second, move, count, swap]
-        threads = [threading.Thread(target=run, args=(task,)) for task in [*tasks, search, search, forget]]
+        def replace_other(version: int) -> None:
+            replace(2, version)
+
+        tasks = [lambda version: replace(1, version), replace_other, move, count, swap]
+        tasks += [search, search, forget]
+        threads = [threading.Thread(target=run, args=(task,)) for task in tasks]
         interval = sys.getswitchinterval()
         sys.setswitchinterval(1e-5)
         try:
@@ -134,7 +138,7 @@ class Threads(StoreTestCase):
             sys.setswitchinterval(interval)
         if failed:
             raise failed[0]
-        self.assertEqual(len(done), 6, done)
+        self.assertEqual(len(done), 7, done)
 
 
 WORK = """
