@@ -175,6 +175,8 @@ class Host:
         if name in ("fetchall", "ranked"):
             result = [self.row_type(row) for row in result]
             self.answers.append(result)
+        elif name == "index_generation":
+            result = ["generation", result]  # equal to the last one, and another object
         return HostObject(self, result) if name in OPENS else result
 
     def build(self, items: Iterable[Any]) -> Any:

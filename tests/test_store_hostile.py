@@ -6,10 +6,12 @@ import gc
 import json
 import logging
 import random
+import sys
 import types
 import unittest
 from collections.abc import Callable
 from typing import Any
+from unittest import mock
 
 from benchmarks import plain_store
 from tessaly.storage import repository_wiki as native_store
@@ -125,23 +127,23 @@ class Bites(StoreTestCase):
     """Special methods that empty what is being read, or fail."""
 
     def both(self, scenario: Callable[[Any, Any, Callable[[], None]], Any]) -> None:
-        for fails in (False, True):
+        for error in (None, KeyError("bitten"), StopIteration("bitten")):
             seen = []
             for module in (native_store, plain_store):
                 store = type("Store", (store_class(module),), {})()
                 prey: list[Any] = []
 
                 def bite() -> None:
-                    if fails:
-                        raise KeyError("bitten")
+                    if error is not None:
+                        raise error
                     for container in prey:
                         container.clear()
                     gc.collect(0)
 
                 try:
                     seen.append(describe(scenario(store, prey, bite)))
-                except BaseException as error:
-                    seen.append(describe(error))
+                except BaseException as caught:
+                    seen.append(describe(caught))
             self.assertEqual(*seen)
 
     def test_biting_objects_in_every_place(self) -> None:
@@ -154,7 +156,7 @@ class Bites(StoreTestCase):
                     fetchone=lambda *_: rows[0],
                     index_generation=lambda: Biting(bite),
                 )
-                return getattr(store, method)("b")
+                return getattr(store, method)("b", *["p"] * (method == "get_wiki_page"))
 
             return scenario
 
@@ -200,15 +202,44 @@ class Bites(StoreTestCase):
             store.db = types.SimpleNamespace(fetchall=lambda *call: [])
             return store.wiki_pages_citing("b", given)
 
+        def lazily(store: Any, prey: list[Any], bite: Any) -> Any:
+            """The last conversion bites, while the words are built from the rows, and later."""
+            calls: list[None] = []
+            late = Biting(lambda: calls.append(None) or (len(calls) > 4 and bite()))
+            rows = [[key, 1, None, "text", None, b""] for key in (1, late, 3)]
+            rows[1][3] = late
+
+            def build(items: Any) -> list[Any]:
+                seen = []
+                for _ in range(5):
+                    try:
+                        seen.append(next(items))
+                    except Exception as error:
+                        seen.append(error)
+                return seen
+
+            prey.append(rows)
+            db = types.SimpleNamespace(fetchall=lambda *_: rows, index_generation=lambda: 0)
+            names = {
+                "stored_vectors": lambda _db: types.SimpleNamespace(decode=list),
+                "EmbeddingIndex": lambda _dimension: types.SimpleNamespace(load=len),
+                "ChunkWords": types.SimpleNamespace(build=build),
+                "WikiChunkIndex": lambda **fields: [fields["words"], fields["chunks"]],
+            }
+            store.db = db
+            with mock.patch.multiple(sys.modules[type(store).__mro__[1].__module__], **names):
+                return store._wiki_chunk_index("b")
+
+        empty = lambda bite: Biting(bite, [])  # noqa: E731
         whole = lambda bite: Biting(bite, [1, 2, 3, 4, 5, 6])  # noqa: E731
         parts = lambda bite: [Biting(bite, 1) for _ in range(6)]  # noqa: E731
         scenarios = [
-            *(with_rows(method, row) for method in METHODS for row in (whole, parts)),
+            *(with_rows(method, row) for method in METHODS for row in (whole, parts, empty)),
             search(lambda bite: Biting(bite, [1, 0.25, None])),
             search(lambda bite: (Biting(bite, 1), Biting(bite), Biting(bite))),
             search(lambda bite: (1, 0.5, 1), lambda bite: Biting(bite, [1, 2, 3, "[]"])),
             search(lambda bite: (1, 0.5, 1), lambda bite: [Biting(bite), 2, 3, Biting(bite, "x")]),
-            *(cached, deleted, paths),
+            *(cached, deleted, paths, lazily),
         ]
         for number, scenario in enumerate(scenarios):
             with self.subTest(number):
@@ -216,7 +247,7 @@ class Bites(StoreTestCase):
 
 
 METHODS = ("get_wiki_state", "wiki_chunk_texts", "wiki_chunk_headings", "_wiki_chunk_index")
-METHODS += ("get_wiki_pages", "wiki_chunk_dimension")
+METHODS += ("get_wiki_pages", "wiki_chunk_dimension", "get_wiki_page")
 
 if __name__ == "__main__":
     unittest.main()
