@@ -21,6 +21,12 @@ class Call {
   /// The module object's str of a constant text.
   [[nodiscard]] py::Handle text(const py::Text& text) const { return state_.texts.get(text); }
 
+  /// The parameters of a statement: a tuple for the length of one call.
+  template <typename... Items>
+  [[nodiscard]] py::LeasedTuple parameters(Items&&... items) const {
+    return state_.tuples.lease(std::forward<Items>(items)...);
+  }
+
   /// The value of a name of the module as a function would read it: from the module's namespace,
   /// else from the builtins, else NameError.
   [[nodiscard]] py::Owned global(py::Handle name, py::Where where = py::Where::current()) const {

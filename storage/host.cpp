@@ -5,13 +5,13 @@ namespace tessaly::host {
 using py::Owned;
 using py::Target;
 
-Owned fetchone(const Call& call, Target statement, const Owned& parameters) {
+Owned fetchone(const Call& call, Target statement, py::Handle parameters) {
   const Owned db = database(call, statement.where);
   return py::call_method(Target(db, statement.where), call.names().fetchone, statement.object,
                          parameters);
 }
 
-Owned fetchall(const Call& call, Target statement, const Owned& parameters) {
+Owned fetchall(const Call& call, Target statement, py::Handle parameters) {
   const Owned db = database(call, statement.where);
   return py::call_method(Target(db, statement.where), call.names().fetchall, statement.object,
                          parameters);
@@ -27,21 +27,21 @@ Owned codec(const Call& call, py::Where where) {
   return py::call(Target(stored_vectors, where), database(call, where));
 }
 
-Owned Cursor::result_of(Target statement, const Owned& parameters) const {
+Owned Cursor::result_of(Target statement, py::Handle parameters) const {
   return py::call_method(Target(cursor_, statement.where), call_.names().execute, statement.object,
                          parameters);
 }
 
-void Cursor::execute(Target statement, const Owned& parameters) const {
+void Cursor::execute(Target statement, py::Handle parameters) const {
   py::drop(result_of(statement, parameters));
 }
 
-Owned Cursor::query_one(Target statement, const Owned& parameters) const {
+Owned Cursor::query_one(Target statement, py::Handle parameters) const {
   const Owned result = result_of(statement, parameters);
   return py::call_method(Target(result, statement.where), call_.names().fetchone);
 }
 
-Owned Cursor::query_all(Target statement, const Owned& parameters) const {
+Owned Cursor::query_all(Target statement, py::Handle parameters) const {
   const Owned result = result_of(statement, parameters);
   return py::call_method(Target(result, statement.where), call_.names().fetchall);
 }

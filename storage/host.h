@@ -16,10 +16,10 @@ inline py::Owned database(const Call& call, py::Where where = py::Where::current
 }
 
 /// `self.db.fetchone(statement, parameters)`: a row or None.
-py::Owned fetchone(const Call& call, py::Target statement, const py::Owned& parameters);
+py::Owned fetchone(const Call& call, py::Target statement, py::Handle parameters);
 
 /// `self.db.fetchall(statement, parameters)`: the rows.
-py::Owned fetchall(const Call& call, py::Target statement, const py::Owned& parameters);
+py::Owned fetchall(const Call& call, py::Target statement, py::Handle parameters);
 
 /// `self.db.index_generation()`.
 py::Owned index_generation(const Call& call, py::Where where = py::Where::current());
@@ -33,13 +33,13 @@ class Cursor {
   Cursor(const Call& call, py::Owned cursor) : call_(call), cursor_(std::move(cursor)) {}
 
   /// `cursor.execute(statement, parameters)`.
-  void execute(py::Target statement, const py::Owned& parameters) const;
+  void execute(py::Target statement, py::Handle parameters) const;
 
   /// `cursor.execute(statement, parameters).fetchone()`: the first row or None.
-  py::Owned query_one(py::Target statement, const py::Owned& parameters) const;
+  py::Owned query_one(py::Target statement, py::Handle parameters) const;
 
   /// `cursor.execute(statement, parameters).fetchall()`: all rows.
-  py::Owned query_all(py::Target statement, const py::Owned& parameters) const;
+  py::Owned query_all(py::Target statement, py::Handle parameters) const;
 
   /// `cursor.executemany(statement, rows)`.
   void executemany(py::Target statement, const py::Owned& rows) const;
@@ -49,7 +49,7 @@ class Cursor {
   }
 
  private:
-  [[nodiscard]] py::Owned result_of(py::Target statement, const py::Owned& parameters) const;
+  [[nodiscard]] py::Owned result_of(py::Target statement, py::Handle parameters) const;
 
   const Call& call_;
   py::Owned cursor_;

@@ -6,6 +6,7 @@
 #include "python/global_names.h"
 #include "python/json.h"
 #include "python/texts.h"
+#include "python/tuple_pool.h"
 #include "statement_cache.h"
 
 namespace tessaly {
@@ -19,6 +20,7 @@ struct ModuleState {
 
   Names names;
   py::TextPool texts;
+  py::TuplePool tuples;
   py::GlobalNames globals;  // the module's own namespace, where the host names are read
   py::Json json;
   StatementCache statements;
@@ -52,6 +54,7 @@ struct ModuleState {
     cleared = true;
     names.clear();
     texts.clear();
+    tuples.clear();
     globals.clear();
     json.clear();
     statements.clear();

@@ -103,6 +103,8 @@ class Member {
     Py_XDECREF(old);
   }
   void clear() noexcept { Py_CLEAR(object_); }
+  /// Leaves it empty. It must not be so before.
+  [[nodiscard]] Owned take() noexcept { return Owned::steal(std::exchange(object_, nullptr)); }
   [[nodiscard]] int traverse(visitproc visit, void* arg) const {
     Py_VISIT(object_);
     return 0;

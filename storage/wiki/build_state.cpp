@@ -18,7 +18,7 @@ constexpr py::Text kReadState{R"(
     FROM wiki_state WHERE branch = ?)"};
 
 Owned get_wiki_state(const Call& call, Handle branch) {
-  const Owned row = host::fetchone(call, call.text(kReadState), py::tuple(branch));
+  const Owned row = host::fetchone(call, call.text(kReadState), call.parameters(branch));
   if (!py::truth(row)) return Owned::none();
   return py::record(
       call.state().state_record, state_keys(call.names()),
@@ -40,8 +40,8 @@ Owned upsert_wiki_state(const Call& call, Handle branch, Handle last_built_at, H
                         Handle manifest_hash) {
   host::transaction(call, [&](const host::Cursor& cursor) {
     cursor.execute(call.text(kUpsertState),
-                   py::tuple(branch, last_built_at, last_commit, changed_since_build, model,
-                             page_count, manifest_hash));
+                   call.parameters(branch, last_built_at, last_commit, changed_since_build, model,
+                                   page_count, manifest_hash));
   });
   return Owned::none();
 }
@@ -56,8 +56,8 @@ constexpr py::Text kReadChanges{"SELECT changed_since_build FROM wiki_state WHER
 Owned bump_wiki_changed(const Call& call, Handle branch, Handle count) {
   Owned total = Owned::none();  // stays so when the exit swallows an error
   host::transaction(call, [&](const host::Cursor& cursor) {
-    cursor.execute(call.text(kAddChanges), py::tuple(branch, count));
-    const Owned row = cursor.query_one(call.text(kReadChanges), py::tuple(branch));
+    cursor.execute(call.text(kAddChanges), call.parameters(branch, count));
+    const Owned row = cursor.query_one(call.text(kReadChanges), call.parameters(branch));
     total = py::truth(row) ? py::to_int(py::item(row, 0)) : py::integer(0);
   });
   return total;

@@ -90,7 +90,7 @@ Owned wiki_chunk_index(const Call& call, Handle branch) {
     if (py::compare(built_at, generation, Py_EQ)) return cached;
   }
 
-  const Owned rows = host::fetchall(call, call.text(kReadChunks), py::tuple(branch));
+  const Owned rows = host::fetchall(call, call.text(kReadChunks), call.parameters(branch));
   if (!py::truth(rows)) {
     pop(call, indexes, branch);
     return Owned::none();

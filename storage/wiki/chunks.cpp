@@ -48,7 +48,7 @@ Owned replace_wiki_chunks(const Call& call, Handle page_fk, Handle branch, Handl
                           Handle model_name) {
   const Owned json = call.import_json();
   host::transaction(call, [&](const host::Cursor& cursor) {
-    cursor.execute(call.text(kDeleteChunks), py::tuple(page_fk));
+    cursor.execute(call.text(kDeleteChunks), call.parameters(page_fk));
     py::for_each(chunks, [&](const Owned& chunk) {
       cursor.execute(call.text(kInsertChunk),
                      chunk_values(call, json, page_fk, branch, chunk, model_name));
@@ -77,7 +77,7 @@ constexpr py::Text kReadHeadings{R"(
     WHERE c.branch = ? AND c.heading IS NOT NULL AND c.heading != '')"};
 
 Owned wiki_chunk_headings(const Call& call, Handle branch) {
-  const Owned rows = host::fetchall(call, call.text(kReadHeadings), py::tuple(branch));
+  const Owned rows = host::fetchall(call, call.text(kReadHeadings), call.parameters(branch));
   return py::list_of(rows, [](Owned row) {
     if (is_exact_tuple<&PyUnicode_Type, &PyUnicode_Type>(row)) return row;
     Owned page_id = py::to_str(py::item(row, 0));
@@ -93,7 +93,7 @@ constexpr py::Text kReadTexts{R"(
 constexpr py::Text kNoTitle{""};
 
 Owned wiki_chunk_texts(const Call& call, Handle branch) {
-  const Owned rows = host::fetchall(call, call.text(kReadTexts), py::tuple(branch));
+  const Owned rows = host::fetchall(call, call.text(kReadTexts), call.parameters(branch));
   return py::list_of(rows, [&](Owned row) {
     if (is_exact_tuple<&PyLong_Type, &PyUnicode_Type, &PyUnicode_Type, &PyUnicode_Type,
                        &PyUnicode_Type>(row))
@@ -129,7 +129,7 @@ Owned update_wiki_chunk_embeddings(const Call& call, Handle branch, Handle embed
 constexpr py::Text kReadOneEmbedding{"SELECT embedding FROM wiki_chunks WHERE branch = ? LIMIT 1"};
 
 Owned wiki_chunk_dimension(const Call& call, Handle branch) {
-  const Owned row = host::fetchone(call, call.text(kReadOneEmbedding), py::tuple(branch));
+  const Owned row = host::fetchone(call, call.text(kReadOneEmbedding), call.parameters(branch));
   if (row.is_none()) return Owned::none();
   const Owned codec = host::codec(call);
   const Owned stored = py::item(row, 0);

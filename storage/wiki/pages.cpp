@@ -82,7 +82,7 @@ Owned upsert_wiki_page(const Call& call, Handle branch, Handle page_id, Handle t
                   std::move(source_files_text), std::move(source_hashes_text),
                   std::move(symbols_text), std::move(related_pages_text), std::move(citations_text),
                   content_hash, model, status, summary, build_cache, page_type));
-    const Owned row = cursor.query_one(call.text(kReadPageId), py::tuple(branch, page_id));
+    const Owned row = cursor.query_one(call.text(kReadPageId), call.parameters(branch, page_id));
     row_id = py::truth(row) ? py::to_int(py::item(row, 0)) : py::integer(0);
   });
   return row_id;
@@ -93,7 +93,7 @@ constexpr StatementShape kReadPage{.head{"SELECT "},
 
 Owned get_wiki_page(const Call& call, Handle branch, Handle page_id) {
   const Owned statement = page_statement(call, kReadPage);
-  const Owned row = host::fetchone(call, statement, py::tuple(branch, page_id));
+  const Owned row = host::fetchone(call, statement, call.parameters(branch, page_id));
   return py::truth(row) ? to_page(call, row) : Owned::none();
 }
 
@@ -107,7 +107,7 @@ constexpr StatementShape kListPages{
 
 Owned get_wiki_pages(const Call& call, Handle branch) {
   const Owned statement = page_statement(call, kListPages);
-  const Owned rows = host::fetchall(call, statement, py::tuple(branch));
+  const Owned rows = host::fetchall(call, statement, call.parameters(branch));
   return py::list_of(rows, [&](const Owned& row) { return to_page(call, row); });
 }
 
@@ -158,7 +158,7 @@ constexpr py::Text kDeletePage{"DELETE FROM wiki_pages WHERE branch = ? AND page
 Owned delete_wiki_page(const Call& call, Handle branch, Handle page_id) {
   std::optional<Owned> removed;
   host::transaction(call, [&](const host::Cursor& cursor) {
-    cursor.execute(call.text(kDeletePage), py::tuple(branch, page_id));
+    cursor.execute(call.text(kDeletePage), call.parameters(branch, page_id));
     const Owned zero = py::integer(0);
     removed = Owned::steal(PyObject_RichCompare(cursor.rowcount().ptr(), zero.ptr(), Py_GT));
   });
