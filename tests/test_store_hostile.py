@@ -9,6 +9,7 @@ import random
 import sys
 import types
 import unittest
+import weakref
 from collections.abc import Callable
 from typing import Any
 from unittest import mock
@@ -244,6 +245,30 @@ class Bites(StoreTestCase):
         for number, scenario in enumerate(scenarios):
             with self.subTest(number):
                 self.both(scenario)
+
+
+class Keeping(StoreTestCase):
+    def test_parameters_belong_to_whoever_keeps_them(self) -> None:
+        class Branch(list):
+            pass
+
+        kept: list[Any] = []
+        keeps = [kept.append, lambda _given: None, lambda given: given[0].append(given)]
+        store = native_store.WikiStore()
+        for turn in range(30):
+            branch = Branch([turn])
+            keep = keeps[turn % 3]
+            store.db = types.SimpleNamespace(fetchall=lambda _statement, given: keep(given) or [])
+            store.wiki_chunk_headings(branch)
+            store.wiki_pages_citing(branch, [str(turn)])
+            watched = weakref.ref(branch)
+            if turn % 3:
+                del branch
+                gc.collect()
+                self.assertIsNone(watched(), "kept alive by a tuple that the collector does not see")
+        branches = [Branch([turn]) for turn in range(0, 30, 3)]
+        found = [(branch,) for branch in branches], [(one, one, str(*one)) for one in branches]
+        self.assertEqual(kept, [each for pair in zip(*found, strict=True) for each in pair])
 
 
 METHODS = ("get_wiki_state", "wiki_chunk_texts", "wiki_chunk_headings", "_wiki_chunk_index")
