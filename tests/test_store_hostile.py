@@ -265,7 +265,7 @@ class Keeping(StoreTestCase):
             if turn % 3:
                 del branch
                 gc.collect()
-                self.assertIsNone(watched(), "kept alive by a tuple that the collector does not see")
+                self.assertIsNone(watched(), "held by a tuple that the collector does not see")
         branches = [Branch([turn]) for turn in range(0, 30, 3)]
         found = [(branch,) for branch in branches], [(one, one, str(*one)) for one in branches]
         self.assertEqual(kept, [each for pair in zip(*found, strict=True) for each in pair])
