@@ -37,43 +37,48 @@ void GenuineJsonFunction::capture(Handle module, const char* name, const char* c
   const Owned dunder_module = Owned::steal(PyUnicode_FromString("__module__"));
   const Owned home = attribute(reinterpret_cast<PyObject*>(Py_TYPE(shared->ptr())), dunder_module);
   if (!is_str(home, "json.encoder") && !is_str(home, "json.decoder")) return;
-  code.set(Owned::borrow(PyFunction_GET_CODE(candidate->ptr())));
   PyObject* defaults = PyFunction_GET_KW_DEFAULTS(candidate->ptr());
   if (defaults == nullptr) return;
-  keyword_defaults.set(Owned::borrow(defaults));
-  coder_name.set(Owned::steal(PyUnicode_InternFromString(coder_attribute)));
-  coder.set(std::move(*shared));
-  module_namespace.set(Owned::borrow(names));
-  function.set(std::move(*candidate));
+  code_.set(Owned::borrow(PyFunction_GET_CODE(candidate->ptr())));
+  keyword_defaults_.set(Owned::borrow(defaults));
+  keyword_defaults_.remember();
+  coder_name_.set(Owned::steal(PyUnicode_InternFromString(coder_attribute)));
+  coder_.set(std::move(*shared));
+  coder_class_version_ = coder_class_version();  // given when `home` was looked up, if not before
+  module_namespace_.set(Owned::borrow(names));
+  function_.set(std::move(*candidate));
 }
 
 bool GenuineJsonFunction::is_genuine(Handle candidate) noexcept {
-  if (function.empty() || candidate.ptr() != function.ptr()) return false;
-  if (PyFunction_GET_CODE(candidate.ptr()) != code.ptr() ||
-      PyFunction_GET_KW_DEFAULTS(candidate.ptr()) != keyword_defaults.ptr())
+  if (function_.empty() || candidate.ptr() != function_.ptr()) return false;
+  if (PyFunction_GET_CODE(candidate.ptr()) != code_.ptr() ||
+      PyFunction_GET_KW_DEFAULTS(candidate.ptr()) != keyword_defaults_.ptr() ||
+      !keyword_defaults_.unchanged() || coder_class_version_ == 0 ||
+      coder_class_version() != coder_class_version_)
     return false;
-  if (module_namespace.unchanged()) return true;
+  if (module_namespace_.unchanged()) return true;
   PyObject* shared = nullptr;
-  if (PyDict_GetItemRef(module_namespace.ptr(), coder_name.ptr(), &shared) <= 0) {
+  if (PyDict_GetItemRef(module_namespace_.ptr(), coder_name_.ptr(), &shared) <= 0) {
     PyErr_Clear();
     return false;
   }
   const Owned held = Owned::steal(shared);
-  if (shared != coder.ptr()) return false;
-  module_namespace.remember();
+  if (shared != coder_.ptr()) return false;
+  module_namespace_.remember();
   return true;
 }
 
 int GenuineJsonFunction::traverse(visitproc visit, void* arg) const {
   for (const Member* member :
-       {&function, &code, &keyword_defaults, &coder, &module_namespace.member()})
+       {&function_, &code_, &coder_, &keyword_defaults_.member(), &module_namespace_.member()})
     if (const int status = member->traverse(visit, arg)) return status;
   return 0;
 }
 
 void GenuineJsonFunction::clear() noexcept {
-  for (Member* member : {&function, &code, &keyword_defaults, &coder_name, &coder}) member->clear();
-  module_namespace.clear();
+  for (Member* member : {&function_, &code_, &coder_name_, &coder_}) member->clear();
+  keyword_defaults_.clear();
+  module_namespace_.clear();
 }
 
 void Json::capture(Handle module) {

@@ -42,16 +42,24 @@ inline constexpr int kDeepest = 60;
 namespace tessaly::py {
 
 /// One function of the standard json module and what it must still be made of to be the genuine
-/// one: its code, its keyword defaults and the module's shared coder object.
-struct GenuineJsonFunction {
-  Member function, code, keyword_defaults, coder_name, coder;
-  WatchedDict module_namespace;
-
+/// one: its code, its keyword defaults, the module's shared coder object and that object's class.
+class GenuineJsonFunction {
+ public:
   /// Remembers the function if it is the standard library's own; otherwise stays empty.
   void capture(Handle module, const char* name, const char* coder_attribute);
   [[nodiscard]] bool is_genuine(Handle candidate) noexcept;
   [[nodiscard]] int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
+
+ private:
+  [[nodiscard]] unsigned coder_class_version() const noexcept {
+    return Py_TYPE(coder_.ptr())->tp_version_tag;
+  }
+
+  Member function_, code_, coder_name_, coder_;
+  WatchedDict keyword_defaults_;
+  WatchedDict module_namespace_;
+  unsigned coder_class_version_ = 0;  // the type's own count of its changes; 0: not known
 };
 
 /// The calls of the json module. `dumps` and `loads` take the function that the caller read, and

@@ -110,6 +110,10 @@ class Member {
     return 0;
   }
   [[nodiscard]] bool empty() const noexcept { return object_ == nullptr; }
+  /// Whether it holds an object to which nobody else has a reference.
+  [[nodiscard]] bool is_unshared() const noexcept {
+    return object_ != nullptr && Py_REFCNT(object_) == 1;
+  }
   [[nodiscard]] PyObject* ptr() const noexcept { return object_; }
 
  private:

@@ -10,15 +10,15 @@ void TuplePool::give_back(Owned tuple) noexcept {
     return;
   }
   const auto size = static_cast<std::size_t>(PyTuple_GET_SIZE(object));
-  if (size > kLongest || size == 0 || !spare_[size].empty()) return;
+  if (size > kLongest || size == 0 || spare_[size].is_unshared()) return;
   for (std::size_t i = 0; i < size; ++i) {
     const auto position = static_cast<Py_ssize_t>(i);
     Owned item = Owned::steal(PyTuple_GET_ITEM(object, position));
     PyTuple_SET_ITEM(object, position, Py_None);
     drop(std::move(item));
   }
-  // Dropping an item may have run Python code, and that a method.
-  if (spare_[size].empty()) spare_[size].set(std::move(tuple));
+  // Dropping an item may have run Python code: a method, or a look through all objects.
+  if (!spare_[size].is_unshared() && Py_REFCNT(object) == 1) spare_[size].set(std::move(tuple));
 }
 
 }  // namespace tessaly::py

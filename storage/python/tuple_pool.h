@@ -37,7 +37,8 @@ class TuplePool {
     constexpr std::size_t kSize = sizeof...(Items);
     if constexpr (kSize <= kLongest) {
       Member& spare = spare_[kSize];
-      if (!spare.empty()) {
+      // Somebody may have found it by way of the garbage collector: then it is left to them.
+      if (spare.is_unshared()) {
         Owned tuple = spare.take();
         Py_ssize_t position = 0;
         // What is overwritten is None.
