@@ -8,7 +8,7 @@ import os
 import platform
 import sys
 import timeit
-from typing import Any
+from typing import Any, NoReturn
 
 import tessaly.storage.repository_wiki as native
 from benchmarks import plain_store, ranking, startup, trivial_host
@@ -53,8 +53,13 @@ def table(title: str, host: int, chosen: list[Workload], seconds: float) -> None
     print(f"{0.50:9.2f}" if host == 0 and chosen == WORKLOADS else "")
 
 
+class Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        self.exit(2, f"{self.prog}: {message}\n")
+
+
 def main(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog="python -m benchmarks", description=__doc__)
+    parser = Parser(prog="python -m benchmarks", description=__doc__)
     parser.add_argument("--list", action="store_true", help="list the workloads")
     parser.add_argument("--only", metavar="TEXT", help="only the workloads whose name has it")
     parser.add_argument("--quick", action="store_true", help="a few repeats, to see that it runs")

@@ -63,11 +63,11 @@ class PlainWikiStore:
         with self.db.transaction() as cursor:
             cursor.execute(
                 """
-                INSERT INTO wiki_pages (
-                    branch, page_id, title, description, importance, level, parent_section,
-                    rel_path, source_files, source_hashes, symbols, related_pages, citations,
-                    content_hash, model, status, summary, build_cache, page_type, generated_at
-                ) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, datetime('now'))
+                INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
+                    parent_section, rel_path, source_files, source_hashes, symbols,
+                    related_pages, citations, content_hash, model, status, summary, build_cache,
+                    page_type, generated_at)
+                VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, datetime('now'))
                 ON CONFLICT(branch, page_id) DO UPDATE SET
                     title=excluded.title, description=excluded.description,
                     importance=excluded.importance, level=excluded.level,
@@ -116,10 +116,9 @@ class PlainWikiStore:
             for chunk in chunks:
                 cursor.execute(
                     """
-                    INSERT INTO wiki_chunks (
-                        page_fk, branch, anchor, heading, content, citations, embedding,
-                        model_name, token_count
-                    ) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)
+                    INSERT INTO wiki_chunks (page_fk, branch, anchor, heading, content, citations,
+                        embedding, model_name, token_count)
+                    VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)
                     """,
                     (
                         page_fk,
@@ -203,7 +202,9 @@ class PlainWikiStore:
         hits = cached.ranked(query_embedding, top_k, terms)
         page_fks = sorted({cached.chunks[chunk_id][0] for chunk_id, _similarity, _fused in hits})
         placeholders = ",".join("?" for _ in page_fks)
-        statement = f"SELECT id, page_id, title, rel_path FROM wiki_pages WHERE id IN ({placeholders})"
+        statement = (
+            f"SELECT id, page_id, title, rel_path FROM wiki_pages WHERE id IN ({placeholders})"
+        )
         pages = {int(row[0]): row for row in self.db.fetchall(statement, tuple(page_fks))}
         output = []
         for chunk_id, similarity, fused in hits:
@@ -355,10 +356,9 @@ class PlainWikiStore:
         with self.db.transaction() as cursor:
             cursor.execute(
                 """
-                INSERT INTO wiki_state (
-                    branch, last_built_at, last_commit, changed_since_build, model, page_count,
-                    manifest_hash
-                ) VALUES (?, ?, ?, ?, ?, ?, ?)
+                INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build,
+                    model, page_count, manifest_hash)
+                VALUES (?, ?, ?, ?, ?, ?, ?)
                 ON CONFLICT(branch) DO UPDATE SET
                     last_built_at=excluded.last_built_at, last_commit=excluded.last_commit,
                     changed_since_build=excluded.changed_since_build, model=excluded.model,

@@ -66,10 +66,11 @@ def _words(quick: bool) -> None:
     rng = random.Random(7)
     vocabulary = [f"word{i}" for i in range(5_000)]
     weights = [1 / (i + 1) for i in range(len(vocabulary))]
-    rows = [
-        (i, " ".join(rng.choices(vocabulary, weights, k=4)), " ".join(rng.choices(vocabulary, weights, k=80)))
-        for i in range(1, count + 1)
-    ]
+
+    def text(words: int) -> str:
+        return " ".join(rng.choices(vocabulary, weights, k=words))
+
+    rows = [(i, text(4), text(80)) for i in range(1, count + 1)]
     start = time.perf_counter()
     words = ChunkWords.build(iter(rows))
     built = time.perf_counter() - start

@@ -29,4 +29,5 @@ def table(runs: int) -> None:
     ]
     progress("")
     print("\nImport of the module, its imports being there already")
-    print(f"{'fastest of ' + str(runs) + ' processes':44}{min(times) * 1e3:7.2f} ms{2.0:9.2f} ms at most")
+    label = f"fastest of {runs} processes"
+    print(f"{label:44}{min(times) * 1e3:7.2f} ms{2.0:9.2f} ms at most")

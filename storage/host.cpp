@@ -27,6 +27,21 @@ Owned codec(const Call& call, py::Where where) {
   return py::call(Target(stored_vectors, where), database(call, where));
 }
 
+Owned decode(const Call& call, Target row, Py_ssize_t position) {
+  const Owned vectors = codec(call, row.where);
+  const Target target(vectors, row.where);
+  const py::Handle name = call.names().decode;
+  if (PyTuple_CheckExact(row.ptr()) && position < PyTuple_GET_SIZE(row.ptr()))
+    return py::call_method(target, name, py::item(row, position));
+  // Reading the row may run Python code, and comes after the method is looked up.
+  const Owned method = py::attribute(target, name);
+  return py::call(Target(method, row.where), py::item(row, position));
+}
+
+void Execution::run(py::Handle parameters) const {
+  py::drop(py::call(Target(method_, statement_.where), statement_.object, parameters));
+}
+
 Owned Cursor::result_of(Target statement, py::Handle parameters) const {
   return py::call_method(Target(cursor_, statement.where), call_.names().execute, statement.object,
                          parameters);
@@ -82,7 +97,7 @@ TransactionBlock::Entered TransactionBlock::enter(const Call& call, py::Where wh
   };
   std::optional<Owned> enter = py::SpecialMethod::look_up(manager, names.dunder_enter);
   if (!enter) refuse("");
-  // What could not be left is not entered.
+  // What could not be left is not entered: the type's `__exit__` is found before, bound after.
   std::optional<Owned> exit = py::SpecialMethod::look_up(manager, names.dunder_exit);
   if (!exit) refuse(" (missed __exit__ method)");
   const Target target(manager, where);

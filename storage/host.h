@@ -27,6 +27,22 @@ py::Owned index_generation(const Call& call, py::Where where = py::Where::curren
 /// `stored_vectors(self.db)`, afresh: no codec outlives the step that asked for it.
 py::Owned codec(const Call& call, py::Where where = py::Where::current());
 
+/// `stored_vectors(self.db).decode(row[position])`, a stored embedding's components.
+py::Owned decode(const Call& call, py::Target row, Py_ssize_t position);
+
+/// An `execute` whose parameters are yet to be computed, by code that may be anybody's: the method
+/// is looked up before that, as in `cursor.execute(statement, (f(), g()))`.
+class Execution {
+ public:
+  Execution(py::Owned method, py::Target statement)
+      : method_(std::move(method)), statement_(statement) {}
+  void run(py::Handle parameters) const;
+
+ private:
+  py::Owned method_;
+  py::Target statement_;
+};
+
 /// The cursor of an open transaction.
 class Cursor {
  public:
@@ -34,6 +50,11 @@ class Cursor {
 
   /// `cursor.execute(statement, parameters)`.
   void execute(py::Target statement, py::Handle parameters) const;
+
+  /// The first half of such a call; its `run` is the second. The statement must outlive it.
+  [[nodiscard]] Execution prepare(py::Target statement) const {
+    return {py::attribute(py::Target(cursor_, statement.where), call_.names().execute), statement};
+  }
 
   /// `cursor.execute(statement, parameters).fetchone()`: the first row or None.
   py::Owned query_one(py::Target statement, py::Handle parameters) const;

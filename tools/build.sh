@@ -9,6 +9,8 @@ shift
 if [ ! -f "$folder/CMakeCache.txt" ] && command -v ninja >/dev/null 2>&1; then
     set -- -G Ninja "$@"
 fi
+# Another make below this one is not to report its every step.
+unset MAKEFLAGS MFLAGS MAKELEVEL
 mkdir -p "$folder"
 if ! cmake -S . -B "$folder" -DPython_EXECUTABLE="$PYTHON" "$@" >"$folder/configure.log" 2>&1; then
     cat "$folder/configure.log" >&2

@@ -5,7 +5,7 @@ set -eu
 
 tree=${1:-.}
 mkdir -p "$BUILD/demo"
-name=$(cd "$tree" && basename "$PWD")
+name=$(cd "$tree" 2>/dev/null && basename "$PWD") || name=missing  # which the demo then says
 database="$BUILD/demo/$name.db"
 demo() { PYTHONPATH="$BUILD/python" "$PYTHON" -P -m demo "$@"; }
 ask() {

@@ -7,6 +7,8 @@ tried=
 
 # usable CANDIDATE ORIGIN: prints its path and ends the search when it serves; else notes why not.
 usable() {
+    # What it says on standard error is a reason only if it fails.
+    said=$(mktemp) || exit 1
     answer=$("$1" -c '
 import os, sys, sysconfig
 if sys.implementation.name != "cpython" or sys.version_info[:2] != (3, 13):
@@ -14,12 +16,14 @@ if sys.implementation.name != "cpython" or sys.version_info[:2] != (3, 13):
 header = os.path.join(sysconfig.get_path("include"), "Python.h")
 if not os.path.exists(header):
     sys.exit("its headers are missing: no " + header)
-print(sys.executable)' 2>&1) && {
+print(sys.executable)' 2>"$said") && {
+        rm -f "$said"
         printf '%s\n' "$answer"
         exit 0
     }
     tried="$tried
-  - $2 ($1): $(printf '%s' "$answer" | head -n 1)"
+  - $2 ($1): $(head -n 1 "$said")"
+    rm -f "$said"
 }
 
 found() { command -v "$1" >/dev/null 2>&1; }

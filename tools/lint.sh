@@ -39,7 +39,7 @@ rule() {
         'no Python object at namespace scope: state hangs on the module' $cpp
     rule 'static (PyObject|PyTypeObject)' 'no static Python object: state hangs on the module' $cpp
     rule '^[^"/]*[^_[:alnum:]](new [[:alnum:]_:<>]+[({;[]|delete [[:alnum:]_]+;)' 'no naked new or delete' $cpp
-    rule '(TODO|FIXME|XXX)' 'finish it or leave it out' $cpp $(git ls-files '*.py' '*.sh' Makefile)
+    rule '(TO[D]O|FIX[M]E|X[X]X)' 'finish it or leave it out' $cpp $(git ls-files '*.py' '*.sh' Makefile)
     rule '#include "\.\./' 'includes are named from the root of their component' $cpp
 }
 # python/ knows nothing of wikis, and only the host layer knows how the host is called.

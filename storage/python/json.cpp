@@ -37,11 +37,14 @@ void GenuineJsonFunction::capture(Handle module, const char* name, const char* c
   const Owned dunder_module = Owned::steal(PyUnicode_FromString("__module__"));
   const Owned home = attribute(reinterpret_cast<PyObject*>(Py_TYPE(shared->ptr())), dunder_module);
   if (!is_str(home, "json.encoder") && !is_str(home, "json.decoder")) return;
+  const Owned coder_module = Owned::steal(PyImport_Import(home.ptr()));
+  if (!PyModule_CheckExact(coder_module.ptr())) return;
   PyObject* defaults = PyFunction_GET_KW_DEFAULTS(candidate->ptr());
   if (defaults == nullptr) return;
   code_.set(Owned::borrow(PyFunction_GET_CODE(candidate->ptr())));
   keyword_defaults_.set(Owned::borrow(defaults));
-  keyword_defaults_.remember();
+  coder_module_.set(Owned::borrow(PyModule_GetDict(coder_module.ptr())));
+  for (WatchedDict* watched : {&keyword_defaults_, &coder_module_}) watched->remember();
   coder_name_.set(Owned::steal(PyUnicode_InternFromString(coder_attribute)));
   coder_.set(std::move(*shared));
   coder_class_version_ = coder_class_version();  // given when `home` was looked up, if not before
@@ -53,7 +56,7 @@ bool GenuineJsonFunction::is_genuine(Handle candidate) noexcept {
   if (function_.empty() || candidate.ptr() != function_.ptr()) return false;
   if (PyFunction_GET_CODE(candidate.ptr()) != code_.ptr() ||
       PyFunction_GET_KW_DEFAULTS(candidate.ptr()) != keyword_defaults_.ptr() ||
-      !keyword_defaults_.unchanged() || coder_class_version_ == 0 ||
+      !keyword_defaults_.unchanged() || !coder_module_.unchanged() || coder_class_version_ == 0 ||
       coder_class_version() != coder_class_version_)
     return false;
   if (module_namespace_.unchanged()) return true;
@@ -69,16 +72,16 @@ bool GenuineJsonFunction::is_genuine(Handle candidate) noexcept {
 }
 
 int GenuineJsonFunction::traverse(visitproc visit, void* arg) const {
-  for (const Member* member :
-       {&function_, &code_, &coder_, &keyword_defaults_.member(), &module_namespace_.member()})
+  for (const Member* member : {&function_, &code_, &coder_, &keyword_defaults_.member(),
+                               &coder_module_.member(), &module_namespace_.member()})
     if (const int status = member->traverse(visit, arg)) return status;
   return 0;
 }
 
 void GenuineJsonFunction::clear() noexcept {
   for (Member* member : {&function_, &code_, &coder_name_, &coder_}) member->clear();
-  keyword_defaults_.clear();
-  module_namespace_.clear();
+  for (WatchedDict* watched : {&keyword_defaults_, &coder_module_, &module_namespace_})
+    watched->clear();
 }
 
 void Json::capture(Handle module) {

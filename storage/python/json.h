@@ -42,7 +42,8 @@ inline constexpr int kDeepest = 60;
 namespace tessaly::py {
 
 /// One function of the standard json module and what it must still be made of to be the genuine
-/// one: its code, its keyword defaults, the module's shared coder object and that object's class.
+/// one: its code, its keyword defaults, the module's shared coder object, that object's class, and
+/// the module of the class. What is not noticed is a coder object whose own attributes are changed.
 class GenuineJsonFunction {
  public:
   /// Remembers the function if it is the standard library's own; otherwise stays empty.
@@ -57,7 +58,7 @@ class GenuineJsonFunction {
   }
 
   Member function_, code_, coder_name_, coder_;
-  WatchedDict keyword_defaults_;
+  WatchedDict keyword_defaults_, coder_module_;
   WatchedDict module_namespace_;
   unsigned coder_class_version_ = 0;  // the type's own count of its changes; 0: not known
 };

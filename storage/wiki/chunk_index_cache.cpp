@@ -40,9 +40,7 @@ void pop(const Call& call, py::Target indexes, Handle branch) {
 Owned decode_embeddings(const Call& call, Handle rows) {
   return py::list_of(rows, [&](const Owned& row) {
     Owned id = py::to_int(py::item(row, 0));
-    const Owned codec = host::codec(call);
-    const Owned stored = py::item(row, 5);
-    return py::tuple(std::move(id), py::call_method(codec, call.names().decode, stored));
+    return py::tuple(std::move(id), host::decode(call, row, 5));
   });
 }
 

@@ -17,11 +17,6 @@ constexpr py::Text kInsertChunk{R"(
                              model_name, token_count)
     VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?))"};
 
-/// `stored_vectors(self.db).encode(embedding)`.
-Owned encode(const Call& call, const Owned& codec, Handle embedding) {
-  return py::call_method(codec, call.names().encode, embedding);
-}
-
 /// The values of a chunk's row, computed in the order of the columns.
 Owned chunk_values(const Call& call, Handle json, Handle page_fk, Handle branch, Handle chunk,
                    Handle model_name) {
@@ -34,7 +29,8 @@ Owned chunk_values(const Call& call, Handle json, Handle page_fk, Handle branch,
       py::mapping_get(chunk, names.get, names.citations, Owned::steal(PyList_New(0)));
   Owned citations_text = call.state().json.dumps(dumps, citations);
   const Owned codec = host::codec(call);
-  Owned embedding = encode(call, codec, py::item(chunk, names.embedding));
+  const Owned encode = py::attribute(codec, names.encode);
+  Owned embedding = py::call(encode, py::item(chunk, names.embedding));
   const Owned zero = py::integer(0);
   Owned token_count = py::to_int(py::mapping_get(chunk, names.get, names.token_count, zero));
   return py::tuple(page_fk, branch, std::move(anchor), std::move(heading), std::move(content),
@@ -50,8 +46,8 @@ Owned replace_wiki_chunks(const Call& call, Handle page_fk, Handle branch, Handl
   host::transaction(call, [&](const host::Cursor& cursor) {
     cursor.execute(call.text(kDeleteChunks), call.parameters(page_fk));
     py::for_each(chunks, [&](const Owned& chunk) {
-      cursor.execute(call.text(kInsertChunk),
-                     chunk_values(call, json, page_fk, branch, chunk, model_name));
+      const host::Execution insert = cursor.prepare(call.text(kInsertChunk));
+      insert.run(chunk_values(call, json, page_fk, branch, chunk, model_name));
     });
   });
   drop_chunk_index(call, branch);
@@ -117,7 +113,7 @@ Owned update_wiki_chunk_embeddings(const Call& call, Handle branch, Handle embed
     // Every row is made before any statement runs.
     const Owned rows = py::list_of(embeddings, [&](const Owned& pair) {
       auto [chunk_id, embedding] = py::unpack<2>(pair);
-      Owned stored = encode(call, host::codec(call), embedding);
+      Owned stored = py::call_method(host::codec(call), call.names().encode, embedding);
       return py::tuple(std::move(stored), model_name, std::move(chunk_id), branch);
     });
     cursor.executemany(call.text(kUpdateEmbedding), rows);
@@ -131,9 +127,7 @@ constexpr py::Text kReadOneEmbedding{"SELECT embedding FROM wiki_chunks WHERE br
 Owned wiki_chunk_dimension(const Call& call, Handle branch) {
   const Owned row = host::fetchone(call, call.text(kReadOneEmbedding), call.parameters(branch));
   if (row.is_none()) return Owned::none();
-  const Owned codec = host::codec(call);
-  const Owned stored = py::item(row, 0);
-  const Owned vector = py::call_method(codec, call.names().decode, stored);
+  const Owned vector = host::decode(call, row, 0);
   return py::integer(py::length(vector));
 }
 

@@ -48,18 +48,20 @@ Owned update_wiki_page_citations(const Call& call, Handle branch, Handle page_id
     const Owned page = cursor.query_one(call.text(kReadPageId), call.parameters(branch, page_id));
     unknown_page = page.is_none();
     if (unknown_page) return;
+    const host::Execution update_page = cursor.prepare(call.text(kUpdatePage));
     Owned citations_text = dump(call, citations);
-    cursor.execute(call.text(kUpdatePage), call.parameters(std::move(citations_text), content_hash,
-                                                           build_cache, py::item(page, 0)));
+    update_page.run(
+        call.parameters(std::move(citations_text), content_hash, build_cache, py::item(page, 0)));
     // All rows are read before the first is changed.
     const Owned chunks =
         cursor.query_all(call.text(kReadChunks), call.parameters(py::item(page, 0)));
     py::for_each(chunks, [&](const Owned& chunk) {
       auto [chunk_id, content, stored] = py::unpack<3>(chunk);
       const Owned moved = move_citations(call, stored, moves);
+      const host::Execution update_chunk = cursor.prepare(call.text(kUpdateChunk));
       Owned rewritten = py::call(rewrite, content);
-      cursor.execute(call.text(kUpdateChunk),
-                     call.parameters(std::move(rewritten), dump(call, moved), std::move(chunk_id)));
+      update_chunk.run(
+          call.parameters(std::move(rewritten), dump(call, moved), std::move(chunk_id)));
     });
   });
   if (!unknown_page) drop_chunk_index(call, branch);

@@ -36,8 +36,10 @@ Owned dump_object(const Call& call, py::Target json, Handle value) {
 Owned page_statement(const Call& call, const StatementShape& shape, Py_ssize_t marks = 0,
                      py::Where where = py::Where::current()) {
   Owned columns = call.global(call.names().WIKI_PAGE_COLUMNS, where);
-  if (!PyUnicode_CheckExact(columns.ptr()))
-    columns = py::to_str(Owned::steal(PyObject_Format(columns.ptr(), nullptr), where));
+  if (!PyUnicode_CheckExact(columns.ptr())) {
+    const Owned formatted = Owned::steal(PyObject_Format(columns.ptr(), nullptr), where);
+    columns = Owned::steal(PyUnicode_FromObject(formatted.ptr()), where);
+  }
   return call.state().statements.get(shape, columns.ptr(), marks);
 }
 
@@ -49,10 +51,9 @@ Owned to_page(const Call& call, py::Target row) {
 }  // namespace
 
 constexpr py::Text kUpsertPage{R"(
-    INSERT INTO wiki_pages (
-        branch, page_id, title, description, importance, level, parent_section, rel_path,
-        source_files, source_hashes, symbols, related_pages, citations, content_hash, model,
-        status, summary, build_cache, page_type, generated_at)
+    INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
+        parent_section, rel_path, source_files, source_hashes, symbols, related_pages, citations,
+        content_hash, model, status, summary, build_cache, page_type, generated_at)
     VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, datetime('now'))
     ON CONFLICT(branch, page_id) DO UPDATE SET
         title=excluded.title, description=excluded.description, importance=excluded.importance,
@@ -71,17 +72,17 @@ Owned upsert_wiki_page(const Call& call, Handle branch, Handle page_id, Handle t
   const Owned json = call.import_json();
   Owned row_id = Owned::none();  // stays so when the exit swallows an error
   host::transaction(call, [&](const host::Cursor& cursor) {
+    const host::Execution upsert = cursor.prepare(call.text(kUpsertPage));
     Owned source_files_text = dump_list(call, json, source_files);
     Owned source_hashes_text = dump_object(call, json, source_hashes);
     Owned symbols_text = dump_list(call, json, symbols);
     Owned related_pages_text = dump_list(call, json, related_pages);
     Owned citations_text = dump_list(call, json, citations);
-    cursor.execute(
-        call.text(kUpsertPage),
-        py::tuple(branch, page_id, title, description, importance, level, parent_section, rel_path,
-                  std::move(source_files_text), std::move(source_hashes_text),
-                  std::move(symbols_text), std::move(related_pages_text), std::move(citations_text),
-                  content_hash, model, status, summary, build_cache, page_type));
+    upsert.run(py::tuple(branch, page_id, title, description, importance, level, parent_section,
+                         rel_path, std::move(source_files_text), std::move(source_hashes_text),
+                         std::move(symbols_text), std::move(related_pages_text),
+                         std::move(citations_text), content_hash, model, status, summary,
+                         build_cache, page_type));
     const Owned row = cursor.query_one(call.text(kReadPageId), call.parameters(branch, page_id));
     row_id = py::truth(row) ? py::to_int(py::item(row, 0)) : py::integer(0);
   });
