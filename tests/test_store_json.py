@@ -25,24 +25,22 @@ Items = type("Items", (list,), {})
 Mapping = type("Mapping", (dict,), {"items": lambda self: [("own", 1)]})
 
 
-class Sink:
-    """A database that takes everything and remembers the last statement's parameters."""
+class Store(repository_wiki.WikiStore):
+    """A store that is its own database, transaction and cursor, and whose index is given."""
 
     def __init__(self) -> None:
-        self.parameters: tuple[Any, ...] = ()
+        self.db = self
         self.rows = [(1, "text", "[1]")]
+        self.parameters: tuple[Any, ...] = ()
 
-    def transaction(self) -> Sink:
-        return self
-
-    __enter__ = transaction
-
-    def __exit__(self, *_error: object) -> None: ...
-
-    def execute(self, _statement: str, parameters: tuple[Any, ...]) -> Sink:
+    def execute(self, _statement: Any = None, parameters: tuple[Any, ...] = ()) -> Store:
         if len(parameters) > 2:
             self.parameters = parameters
         return self
+
+    transaction = __enter__ = execute
+
+    def __exit__(self, *_error: object) -> None: ...
 
     def fetchone(self) -> Any:
         return self.rows[0]
@@ -50,42 +48,28 @@ class Sink:
     def fetchall(self, *page_rows_wanted: Any) -> list[Any]:
         return [(1, "p", "t", "r")] if page_rows_wanted else self.rows
 
-
-class Index:
-    """An index of one chunk whose ranking is given."""
-
-    dimension = 0
-
-    def __init__(self, stored: Any, hits: list[Any]) -> None:
-        self.chunks = {1: (1, None, "text", stored)}
-        self.ranked = lambda _query, _top_k, _terms: hits
-
-
-class Store(repository_wiki.WikiStore):
-    def __init__(self) -> None:
-        self.db = Sink()
-
     def dumped(self, value: Any) -> str:
         self.upsert_wiki_page("b", "p", "t", citations=value)
-        return self.db.parameters[12]
+        return self.parameters[12]
 
     def dumped_with_chunk(self, value: Any) -> str:
         chunk = {"content": "", "embedding": [], "citations": value}
-        with mock.patch.object(repository_wiki, "stored_vectors", lambda _db: Codec):
+        codec = types.SimpleNamespace(encode=bytes)
+        with mock.patch.object(repository_wiki, "stored_vectors", lambda _db: codec):
             self.replace_wiki_chunks(1, "b", [chunk], "m")
-        return self.db.parameters[5]
+        return self.parameters[5]
+
+    def searched(self, stored: Any, similarities: list[Any]) -> list[Any]:
+        index = types.SimpleNamespace(dimension=0, chunks={1: (1, None, "text", stored)})
+        index.ranked = lambda *_: [(1, similarity, None) for similarity in similarities]
+        self._wiki_chunk_index = lambda _branch: index
+        return self.search_wiki_chunks([], "b")
 
     def loaded(self, text: Any) -> Any:
-        self._wiki_chunk_index = lambda _branch: Index(text, [(1, 0.0, None)])
-        return self.search_wiki_chunks([], "b")[0]["citations"]
+        return self.searched(text, [0.0])[0]["citations"]
 
     def rounded(self, values: list[Any]) -> list[Any]:
-        self._wiki_chunk_index = lambda _branch: Index("", [(1, value, None) for value in values])
-        return [hit["similarity"] for hit in self.search_wiki_chunks([], "b")]
-
-
-class Codec:
-    encode = bytes
+        return [hit["similarity"] for hit in self.searched("", values)]
 
 
 ALPHABETS = (
@@ -96,8 +80,6 @@ ALPHABETS = (
     "\ud800\udbff\udc00\udfff\uffff",
     "\U00010000😀\U0010ffff",
 )
-
-
 EVERY = "".join(map(chr, range(0x900)))
 
 
@@ -107,24 +89,17 @@ def random_text(draw: random.Random) -> str:
 
 
 def random_number(draw: random.Random) -> int | float:
-    kind = draw.randrange(7)
-    if kind < 2:
-        return draw.choice((-1, 1)) * (2 ** draw.randint(0, 70) + draw.randint(-2, 2))
-    if kind == 2:
-        return draw.choice((0, -0.0, 1e16, 1e22, 1e-7, 5e-324, sys.float_info.max, 10**18, 10**400))
-    if kind == 3:
-        return draw.choice((math.inf, -math.inf, math.nan))
-    return draw.uniform(-1, 1) * 10 ** draw.randint(-20, 20)
+    whole = draw.choice((-1, 1)) * (2 ** draw.randint(0, 70) + draw.randint(-2, 2))
+    odd = draw.choice((0, -0.0, 1e16, 1e22, 1e-7, 5e-324, sys.float_info.max, 10**18, 10**400))
+    unsure = draw.choice((math.inf, -math.inf, math.nan))
+    return draw.choice((whole, odd, unsure, draw.uniform(-1, 1) * 10 ** draw.randint(-20, 20)))
 
 
 def random_value(draw: random.Random, depth: int = 0) -> Any:
     kind = draw.randrange(12 if depth < 5 else 6)
-    if kind < 2:
-        return random_text(draw)
-    if kind < 4:
-        return random_number(draw)
     if kind < 6:
-        return draw.choice((None, True, False, "", 0))
+        plain = (None, True, False, "", 0)
+        return draw.choice((random_text(draw), random_number(draw), draw.choice(plain)))
     items = [random_value(draw, depth + 1) for _ in range(draw.choice((0, 1, 2, 5)))]
     if kind < 8:
         return draw.choice((list, tuple))(items)
@@ -136,9 +111,9 @@ def random_value(draw: random.Random, depth: int = 0) -> Any:
 
 
 def mutated(draw: random.Random, text: str) -> str:
-    pieces = ["", "\ufeff", '"a":', "1" * 25, "0.1" + "2" * 80, *'",:[]{}é \n\x1f\x00']
+    pieces = ["", "\ufeff", '"a":', "1" * 25, "0.1" + "2" * 80, *'",:[]{}é \n\x1f\x00\f']
     pieces += "NaN -Infinity null tru - -0 -0.0 01 1. .5 1e 1E+5 1e999 999999999999999999".split()
-    pieces += "\\u12 \\ud834 \\udd1e \\u00zz \\x \\ud834\\u0041 \\ud834\\ue000".split()
+    pieces += "\\u00G0 ,] ,} \\u00G0 \\u12 \\ud834 \\udd1e \\ud834\\u0041 \\ud834\\ue000".split()
     for _ in range(draw.choice((0, 1, 1, 2, 5))):
         at = draw.randint(0, len(text))
         text = text[:at] + draw.choice(pieces) + text[at + draw.choice((0, 0, 1, 3)) :]
@@ -174,13 +149,12 @@ class Equality(StoreTestCase):
         draw = self.random("dumps")
         circle: list[Any] = [1]
         circle.append({"again": circle})
-        deep: Any = []
         values = [circle, EVERY, {EVERY: "x" * 5000}, "\ud83d\ude00", ["\ud800" * 999]]
+        deep: Any = []
         for depth in range(1200):
             deep = [deep] if depth % 2 else {"d": deep}
             if depth in (50, 58, 59, 60, 61, 62, 70, 1199):
                 values.append(deep)
-        del deep
         values += [random_value(draw) for _ in range(self.rounds(6000))]
         for value in values:
             expected = outcome(lambda value: json.dumps(value or []), value)
@@ -230,7 +204,7 @@ class Rebinding(StoreTestCase):
             store = Store()
             given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
             store.update_wiki_page_citations("b", "p", rewrite=str, **given)
-            return store.db.parameters
+            return store.parameters
 
         def import_own(name: str, *rest: Any) -> Any:
             return own if name == "json" else old_import(name, *rest)
@@ -240,22 +214,24 @@ class Rebinding(StoreTestCase):
         encoder.encode, decoder.decode = own.dumps, own.loads
         options = json.dumps.__kwdefaults__ | {"cls": lambda **_options: encoder}
         old_import = builtins.__import__
-        writers = {
+        calls: dict[str, Callable[[], Any]] = {
             "page": lambda: Store().dumped([1]),
             "page without": lambda: Store().dumped(None),
             "chunk": lambda: Store().dumped_with_chunk([1]),
+            "search": lambda: Store().loaded("[1]"),
+            "refresh": refresh,
         }
-        calls = {**writers, "search": lambda: Store().loaded("[1]"), "refresh": refresh}
         put = mock.patch.object
+        writers = "page page without chunk"
         table: list[tuple[Any, str]] = [
-            (put(json, "dumps", own.dumps), "page page without chunk refresh"),
+            (put(json, "dumps", own.dumps), f"{writers} refresh"),
             (put(json, "loads", own.loads), "search refresh"),
-            (put(json, "_default_encoder", encoder), "page page without chunk refresh"),
+            (put(json, "_default_encoder", encoder), f"{writers} refresh"),
             (put(json, "_default_decoder", decoder), "search refresh"),
-            (put(json.dumps, "__kwdefaults__", options), "page page without chunk refresh"),
+            (put(json.dumps, "__kwdefaults__", options), f"{writers} refresh"),
             (put(repository_wiki, "json", own), "search refresh"),
-            (mock.patch.dict(sys.modules, json=own), "page page without chunk"),
-            (put(builtins, "__import__", import_own), "page page without chunk"),
+            (mock.patch.dict(sys.modules, json=own), writers),
+            (put(builtins, "__import__", import_own), writers),
         ]
         for number, (patch, seers) in enumerate(table):
             genuine = [str(call()) for call in calls.values()]
@@ -267,9 +243,9 @@ class Rebinding(StoreTestCase):
             with put(home, "round", lambda *given: given, create=home is not builtins):
                 self.assertEqual(Store().rounded([0.5]), [(0.5, 4)])
         with put(builtins, "__import__", side_effect=ImportError("none")):
-            self.assertRaisesRegex(ImportError, "none", writers["page"])
+            self.assertRaisesRegex(ImportError, "none", calls["page"])
         with mock.patch.dict(sys.modules, json=None):
-            self.assertRaisesRegex(ImportError, "import of json halted", writers["chunk"])
+            self.assertRaisesRegex(ImportError, "import of json halted", calls["chunk"])
 
 
 if __name__ == "__main__":

@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import _interpreters
+import contextlib
+import functools
+import itertools
 import sqlite3
 import sys
 import tempfile
@@ -11,7 +14,7 @@ import threading
 import time
 import unittest
 from collections import defaultdict
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import Any
 
@@ -31,22 +34,12 @@ class Journal(Database):
         self.written: list[Write] = []
         self.current = threading.local()
 
+    @contextlib.contextmanager
     def transaction(self) -> Any:
-        return Noted(self, super().transaction())
-
-
-class Noted:
-    def __init__(self, journal: Journal, block: Any) -> None:
-        self.journal = journal
-        self.block = block
-
-    def __enter__(self) -> Any:
-        return self.block.__enter__()
-
-    def __exit__(self, kind: Any, error: Any, traceback: Any) -> Any:
-        if kind is None:  # the write lock is held until the commit
-            self.journal.written.append(getattr(self.journal.current, "write", fill))
-        return self.block.__exit__(kind, error, traceback)
+        with super().transaction() as cursor:
+            yield cursor
+            # The write lock is held until the commit.
+            self.written.append(getattr(self.current, "write", fill))
 
 
 class Threads(StoreTestCase):
@@ -69,7 +62,6 @@ class Threads(StoreTestCase):
         store = Repository(journal)
         until = time.monotonic() + (60 if SOAK else 2)
         failed: list[BaseException] = []
-        done: dict[str, int] = defaultdict(int)
 
         def write(change: Write) -> None:
             journal.current.write = change
@@ -82,8 +74,7 @@ class Threads(StoreTestCase):
             write(lambda store: store.replace_wiki_chunks(page_fk, "main", chunks, "m"))
 
         def move(version: int) -> None:
-            given = refresh(content_hash=str(version))
-            given["rewrite"] = str
+            given = refresh(content_hash=str(version), rewrite=str)
             write(lambda store: store.update_wiki_page_citations("main", "beta", **given))
 
         def count(version: int) -> None:
@@ -109,36 +100,39 @@ class Threads(StoreTestCase):
             store.invalidate_wiki_chunk_index()
             self.assertIn(store.wiki_chunk_dimension("main"), (None, 3))
 
+        def going_on(version: int) -> bool:
+            return not failed and (version == 0 or time.monotonic() < until)
+
         def run(task: Callable[[int], None]) -> None:
             try:
-                while time.monotonic() < until and not failed:
+                for version in itertools.takewhile(going_on, itertools.count()):
                     try:
-                        task(done[task.__name__])
+                        task(version)
                     except sqlite3.OperationalError as error:
                         if "locked" not in str(error):
                             raise
-                    done[task.__name__] += 1
             except BaseException as error:
                 failed.append(error)
 
-        def replace_other(version: int) -> None:
-            replace(2, version)
-
-        tasks = [lambda version: replace(1, version), replace_other, move, count, swap]
+        tasks = [functools.partial(replace, 1), functools.partial(replace, 2), move, count, swap]
         tasks += [search, search, forget]
-        threads = [threading.Thread(target=run, args=(task,)) for task in tasks]
         interval = sys.getswitchinterval()
+        self.addCleanup(sys.setswitchinterval, interval)
         sys.setswitchinterval(1e-5)
-        try:
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
-        finally:
-            sys.setswitchinterval(interval)
+        in_threads(run, tasks)
         if failed:
             raise failed[0]
-        self.assertEqual(len(done), 7, done)
+
+
+def in_threads(
+    task: Callable[[Any], None], given: Iterable[Any], meanwhile: Callable[[], None] = bool
+) -> None:
+    threads = [threading.Thread(target=task, args=(one,)) for one in given]
+    for thread in threads:
+        thread.start()
+    meanwhile()
+    for thread in threads:
+        thread.join()
 
 
 WORK = """
@@ -178,12 +172,7 @@ class Interpreters(StoreTestCase):
             finally:
                 _interpreters.destroy(mine)
 
-        threads = [threading.Thread(target=live, args=(number,)) for number in range(4)]
-        for thread in threads:
-            thread.start()
-        exec(source.format(path=sys.path, turns=turns), {})
-        for thread in threads:
-            thread.join()
+        in_threads(live, range(4), lambda: exec(source.format(path=sys.path, turns=turns), {}))
         self.assertEqual([error and error.formatted for error in failed], [None] * 4)
 
 
