@@ -2,65 +2,62 @@
 
 from __future__ import annotations
 
+import contextlib
 import sqlite3
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
+from unittest import mock
 
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
+from tessaly.storage.schema import TABLES
 
 STATE = "INSERT INTO wiki_state (branch, changed_since_build) VALUES (?, ?)"
 CHUNK = "INSERT INTO wiki_chunks (page_fk, branch, content, embedding) VALUES (?, 'b', 'c', x'')"
+OTHER_PROCESS = """
+import sys
+from tessaly.storage.database import Database
+with Database(sys.argv[1]) as database:
+    for _line in sys.stdin:
+        print(database.index_generation(), flush=True)
+"""
 
 
-class FileCase(unittest.TestCase):
+class DatabaseCase(unittest.TestCase):
     def setUp(self) -> None:
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = Path(folder.name)
+        self.folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def open(self, name: str = "wiki.db", **options: Any) -> Database:
         path = name if name == ":memory:" else self.folder / name
-        database = Database(path, **options)
-        self.addCleanup(database.close)
-        return database
+        return self.enterContext(Database(path, **options))
 
     def in_thread(self, body: Any) -> Any:
-        """The result of ``body`` in another thread, or the exception it ended with."""
-        result: list[Any] = []
+        """The result of ``body`` in another thread, or its exception."""
+        with ThreadPoolExecutor(1) as threads:
+            work = threads.submit(body)
+            return work.exception(20) or work.result()
 
-        def run() -> None:
-            try:
-                result.append(body())
-            except BaseException as error:
-                result.append(error)
-
-        thread = threading.Thread(target=run)
-        thread.start()
-        thread.join(20)
-        return result[0]
+    def execute(self, name: str, statement: str, *parameters: Any) -> None:
+        """Runs a statement on a file as a stranger would."""
+        with contextlib.closing(sqlite3.connect(self.folder / name)) as connection, connection:
+            connection.execute(statement, parameters)
 
 
-class StrangersFiles(FileCase):
+class Files(DatabaseCase):
     def test_what_is_no_wiki_database_is_refused_and_left_as_it_was(self) -> None:
+        def contents() -> list[tuple[Path, bytes]]:
+            return [(path, path.read_bytes()) for path in sorted(self.folder.iterdir())]
+
         (self.folder / "text").write_bytes(b"no database, only words\n" * 200)
-        columns = "last_built_at, last_commit, changed_since_build, model, page_count"
-        strangers = {
-            "columns": "CREATE TABLE wiki_pages (id INTEGER PRIMARY KEY, x)",
-            "view": "CREATE VIEW wiki_state AS SELECT 1",
-            "key": f"CREATE TABLE wiki_state (branch, {columns}, manifest_hash)",
-            "cascade": "CREATE TABLE wiki_chunks (id INTEGER PRIMARY KEY, page_fk, branch, anchor,"
-            " heading, model_name, token_count, citations, content, embedding)",
-        }
-        for name, statement in strangers.items():
-            with sqlite3.connect(self.folder / name) as connection:
-                connection.execute(statement)
-            connection.close()
+        self.execute("columns", "CREATE TABLE wiki_pages (id INTEGER PRIMARY KEY, x)")
+        self.execute("view", "CREATE VIEW wiki_state AS SELECT 1")
+        for name, table in (("key", "wiki_state"), ("cascade", "wiki_chunks")):
+            self.execute(name, f"CREATE TABLE {table} ({', '.join(TABLES[table])})")
         for name, kind, words in (
             ("text", sqlite3.DatabaseError, "not a database"),
             ("columns", ValueError, "wiki_pages is another one: it lacks branch, page_id"),
@@ -71,52 +68,34 @@ class StrangersFiles(FileCase):
             ("none/wiki.db", sqlite3.DatabaseError, "unable to open"),
         ):
             with self.subTest(name):
-                path = self.folder / name
-                before = path.read_bytes() if path.is_file() else None
-                listing = sorted(self.folder.iterdir())
-                with self.assertRaisesRegex(kind, words):
-                    self.open(name)
-                self.assertEqual(path.read_bytes() if path.is_file() else None, before)
-                self.assertEqual(sorted(self.folder.iterdir()), listing)
+                before = contents()
+                self.assertRaisesRegex(kind, words, self.open, name)
+                self.assertEqual(contents(), before)
                 database = self.open(":memory:")
-                with self.assertRaisesRegex((sqlite3.DatabaseError, ValueError), "."):
-                    database.replace_index(path)
+                self.assertRaises(kind, database.replace_index, self.folder / name)
                 self.assertEqual(database.index_generation(), 1)
 
 
-class Transactions(FileCase):
+class Transactions(DatabaseCase):
     def test_a_block_takes_effect_whole_or_not_at_all(self) -> None:
-        def failing_statement(cursor: sqlite3.Cursor) -> None:
-            cursor.execute("INSERT INTO nowhere VALUES (1)")
-
-        def interrupted(_cursor: sqlite3.Cursor) -> None:
-            raise KeyboardInterrupt
-
         def failing_commit(cursor: sqlite3.Cursor) -> None:
             cursor.execute("PRAGMA defer_foreign_keys = ON")
             cursor.execute(CHUNK, (99,))
 
-        def nested(_cursor: sqlite3.Cursor) -> None:
-            with database.transaction():
-                pass
-
         for path in (":memory:", "wiki.db"):
             database = self.open(path)
             for body, kind in (
-                (failing_statement, sqlite3.OperationalError),
-                (interrupted, KeyboardInterrupt),
+                (lambda cursor: cursor.execute("BAD"), sqlite3.OperationalError),
+                (mock.Mock(side_effect=KeyboardInterrupt), KeyboardInterrupt),
                 (failing_commit, sqlite3.IntegrityError),
-                (nested, RuntimeError),
+                (lambda _cursor: database.transaction().__enter__(), RuntimeError),
             ):
-                with self.subTest(path, body=body.__name__):
+                with self.subTest(path, kind=kind):
                     with self.assertRaises(kind), database.transaction() as cursor:
                         cursor.execute(STATE, ("lost", 1))
                         body(cursor)
                     self.assertEqual(database.fetchall("SELECT * FROM wiki_state"), [])
                     self.assertEqual(database.fetchall("SELECT * FROM wiki_chunks"), [])
-            with database.transaction() as cursor:
-                cursor.execute(STATE, ("kept", 1))
-            self.assertEqual(database.fetchone("SELECT branch FROM wiki_state"), ("kept",))
 
     def test_threads_see_what_is_committed_and_lose_no_update(self) -> None:
         database = self.open("wiki.db")
@@ -125,89 +104,65 @@ class Transactions(FileCase):
             inside = database.fetchone("SELECT branch FROM wiki_state")
             outside = self.in_thread(lambda: database.fetchone("SELECT branch FROM wiki_state"))
         self.assertEqual((inside, outside), (("main",), None))
+        for _ in range(20):
+            self.in_thread(database.index_generation)
+        self.assertLessEqual(len(database._sessions), 2)  # connections go with their threads
         for path in (":memory:", "wiki.db"):
             repository = Repository(self.open(path))
 
-            def count() -> None:
-                for _ in range(100):
-                    repository.bump_wiki_changed("main", 1)
-                    repository.get_wiki_state("main")
+            def count(_number: int) -> None:
+                repository.bump_wiki_changed("main", 1)
+                repository.get_wiki_state("main")
 
-            threads = [threading.Thread(target=count) for _ in range(4)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            with ThreadPoolExecutor(4) as threads:
+                list(threads.map(count, range(400)))
             self.assertEqual(repository.bump_wiki_changed("main", 0), 400)
 
     def test_a_writer_waits_only_as_long_as_it_was_told(self) -> None:
         database = self.open(busy_timeout=0.05)
         with database.transaction():
             error = self.in_thread(lambda: database.transaction().__enter__())
-            self.assertIsInstance(error, sqlite3.OperationalError)
-            self.assertIn("locked", str(error))
+            self.assertRegex(repr(error), "OperationalError.*locked")
             self.assertIn("transaction is open", str(self.in_thread(database.close)))
         database.close()
         for call in (lambda: database.fetchone("SELECT 1"), database.index_generation):
             self.assertRaises(sqlite3.ProgrammingError, call)
             self.assertIsInstance(self.in_thread(call), sqlite3.ProgrammingError)
 
-    def test_connections_go_with_their_threads(self) -> None:
+
+class Schema(DatabaseCase):
+    def test_rows_follow_their_page_ids_are_not_used_twice_and_no_table_is_scanned(self) -> None:
         database = self.open()
-        for _ in range(20):
-            self.in_thread(database.index_generation)
-        self.assertLessEqual(len(database._sessions), 2)
+        seen: list[str] = []
+        database._session().connection.set_trace_callback(seen.append)
+        repository = Repository(database)
+        chunk = {"content": "text", "heading": "h", "embedding": [1.0]}
+        first = repository.upsert_wiki_page("b", "p", "P", source_files=["f"])
+        repository.replace_wiki_chunks(first, "b", [chunk, chunk], "model")
+        self.assertEqual(repository.upsert_wiki_page("b", "p", "P again"), first)
+        repository.update_wiki_chunk_embeddings("b", [(1, [1.0])], "model")
+        repository.update_wiki_page_citations(
+            "b", "p", citations=[], content_hash="", build_cache="", rewrite=str, moves={}
+        )
+        repository.search_wiki_chunks([1.0], "b")
+        readers = "wiki_chunk_headings wiki_chunk_texts wiki_chunk_dimension get_wiki_pages"
+        for method in [*readers.split(), "get_wiki_state"]:
+            getattr(repository, method)("b")
+        repository.wiki_pages_citing("b", ["f"])
+        repository.bump_wiki_changed("b", 1)
+        repository.delete_wiki_page("b", "p")
+        statements = [text for text in seen if "wiki_" in text and not text.startswith("--")]
+        self.assertGreater(len(statements), 15)
+        for text in statements:
+            for row in database.fetchall(f"EXPLAIN QUERY PLAN {text}"):
+                self.assertNotRegex(row[3], r"SCAN (wiki_|[cp]\b)", text)
+        self.assertEqual(database.fetchall("SELECT * FROM wiki_chunks"), [])
+        self.assertGreater(repository.upsert_wiki_page("b", "p", "P"), first)
+        stale = (first, "b", [chunk], "model")
+        self.assertRaises(sqlite3.IntegrityError, repository.replace_wiki_chunks, *stale)
 
 
-class Schema(FileCase):
-    def test_rows_follow_their_page_and_ids_are_not_used_twice(self) -> None:
-        repository = Repository(self.open())
-        chunk = {"content": "text", "embedding": [1.0]}
-        first = repository.upsert_wiki_page("main", "a", "A")
-        repository.replace_wiki_chunks(first, "main", [chunk, chunk], "model")
-        self.assertEqual(repository.upsert_wiki_page("main", "a", "A again"), first)
-        repository.delete_wiki_page("main", "a")
-        self.assertEqual(repository.db.fetchall("SELECT * FROM wiki_chunks"), [])
-        self.assertGreater(repository.upsert_wiki_page("main", "a", "A"), first)
-        with self.assertRaises(sqlite3.IntegrityError):
-            repository.replace_wiki_chunks(first, "main", [chunk], "model")
-
-    def test_no_statement_reads_a_whole_table(self) -> None:
-        database = self.open()
-        with database.transaction() as cursor:
-            seen: list[tuple[str, Any]] = []
-            plans = type("Plans", (Database,), {})(":memory:")
-            self.addCleanup(plans.close)
-            connection = plans._session().connection
-            connection.set_trace_callback(lambda text: seen.append((text, None)))
-            repository = Repository(plans)
-            page = repository.upsert_wiki_page("b", "p", "P", source_files=["f"])
-            chunk = {"content": "text", "heading": "h", "embedding": [1.0]}
-            repository.replace_wiki_chunks(page, "b", [chunk], "model")
-            repository.update_wiki_chunk_embeddings("b", [(1, [1.0])], "model")
-            repository.update_wiki_page_citations(
-                "b", "p", citations=[], content_hash="", build_cache="", rewrite=str, moves={}
-            )
-            repository.search_wiki_chunks([1.0], "b")
-            for method in ("wiki_chunk_headings", "wiki_chunk_texts", "wiki_chunk_dimension"):
-                getattr(repository, method)("b")
-            repository.get_wiki_pages("b")
-            repository.wiki_pages_citing("b", ["f"])
-            repository.bump_wiki_changed("b", 1)
-            repository.get_wiki_state("b")
-            repository.delete_wiki_page("b", "p")
-            connection.set_trace_callback(None)
-            checked = 0
-            for text, _nothing in seen:
-                if "wiki_" not in text or text.startswith("--"):
-                    continue
-                checked += 1
-                for row in cursor.execute(f"EXPLAIN QUERY PLAN {text}").fetchall():
-                    self.assertNotRegex(row[3], r"SCAN (wiki_|[cp]\b)", text)
-            self.assertGreater(checked, 15)
-
-
-class Generation(FileCase):
+class Generation(DatabaseCase):
     def filled(self, name: str, pages: int) -> Database:
         repository = Repository(self.open(name))
         for number in range(pages):
@@ -217,51 +172,29 @@ class Generation(FileCase):
         repository.bump_wiki_changed("main", pages)
         return repository.db
 
-    def test_a_swap_brings_all_rows_and_every_process_sees_it(self) -> None:
-        old, new = self.filled("old.db", 3), self.filled("new.db", 5)
-        script = (
-            "import sys; from tessaly.storage.database import Database\n"
-            "with Database(sys.argv[1]) as database:\n"
-            "    for _line in sys.stdin: print(database.index_generation(), flush=True)\n"
-        )
-        command = [sys.executable, "-c", script, str(self.folder / "old.db")]
-        with subprocess.Popen(
-            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
-        ) as other:
-            assert other.stdin is not None and other.stdout is not None
+    def test_a_swap_brings_all_rows_or_none_and_every_process_sees_it(self) -> None:
+        def contents(database: Database) -> list[Any]:
+            return [database.fetchall(f"SELECT * FROM {table} ORDER BY 1") for table in TABLES]
 
+        old, new = self.filled("old.db", 3), self.filled("new.db", 5)
+        command = [sys.executable, "-c", OTHER_PROCESS, str(self.folder / "old.db")]
+        pipe = subprocess.PIPE
+        with subprocess.Popen(command, stdin=pipe, stdout=pipe, text=True) as other:
             def answer() -> int:
                 print(file=other.stdin, flush=True)
                 return int(other.stdout.readline())
 
-            before = answer()
-            self.assertEqual((answer(), old.index_generation()), (before, before))
-            old.replace_index(self.folder / "new.db")
-            self.assertNotEqual(answer(), before)
-            self.assertEqual(answer(), old.index_generation())
-            other.stdin.close()
-        for table in ("wiki_pages", "wiki_chunks", "wiki_state"):
-            rows = f"SELECT * FROM {table} ORDER BY 1"
-            self.assertEqual(old.fetchall(rows), new.fetchall(rows))
-        after = old.index_generation()
-        old.replace_index(self.folder / "new.db")
-        self.assertNotIn(old.index_generation(), (before, after))
-
-    def test_a_swap_that_fails_leaves_index_and_generation(self) -> None:
-        old = self.filled("old.db", 3)
-        self.filled("bad.db", 5).close()
-        with sqlite3.connect(self.folder / "bad.db") as connection:  # without enforced keys
-            connection.execute(CHUNK, (99,))
-        connection.close()
-
-        def contents() -> tuple[Any, ...]:
-            return old.fetchall("SELECT * FROM wiki_chunks"), old.index_generation()
-
-        before = contents()
+            seen = [answer(), answer(), old.index_generation()]
+            for _ in range(2):
+                old.replace_index(self.folder / "new.db")
+                self.assertNotIn(answer(), seen)
+                seen.append(answer())
+            self.assertEqual(seen[:3], [seen[0]] * 3)
+            self.assertEqual(seen[-1], old.index_generation())
+        self.assertEqual(contents(old), contents(new))
+        self.filled("bad.db", 4).close()
+        self.execute("bad.db", CHUNK, 99)  # without enforced keys
         with self.assertRaisesRegex(sqlite3.IntegrityError, "bad.db.*FOREIGN KEY"):
             old.replace_index(self.folder / "bad.db")
-        self.assertEqual(contents(), before)
-
-
-if __name__ == "__main__":
-    unittest.main()
+        self.assertEqual(old.index_generation(), seen[-1])
+        self.assertEqual(contents(old), contents(new))
