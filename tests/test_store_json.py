@@ -45,8 +45,8 @@ class Store(repository_wiki.WikiStore):
     def fetchone(self) -> Any:
         return self.rows[0]
 
-    def fetchall(self, *page_rows_wanted: Any) -> list[Any]:
-        return [(1, "p", "t", "r")] if page_rows_wanted else self.rows
+    def fetchall(self, *of_the_database: Any) -> list[Any]:
+        return [(1, "p", "t", "r")] if of_the_database else self.rows
 
     def dumped(self, value: Any) -> str:
         self.upsert_wiki_page("b", "p", "t", citations=value)
@@ -72,14 +72,8 @@ class Store(repository_wiki.WikiStore):
         return [hit["similarity"] for hit in self.searched("", values)]
 
 
-ALPHABETS = (
-    "abc xyz",
-    'quote"back\\slash/',
-    "".join(map(chr, range(32))) + "\x7f\x80\xa0",
-    "äßéÿĀ中文",
-    "\ud800\udbff\udc00\udfff\uffff",
-    "\U00010000😀\U0010ffff",
-)
+ALPHABETS = ["abc xyz", 'quote"back\\slash/', "".join(map(chr, range(32))) + "\x7f\x80\xa0"]
+ALPHABETS += ["äßéÿĀ中文", "\ud800\udbff\udc00\udfff\uffff", "\U00010000😀\U0010ffff"]
 EVERY = "".join(map(chr, range(0x900)))
 
 
@@ -125,19 +119,17 @@ def awkward_numbers(draw: random.Random) -> Iterator[Any]:
         whole = draw.randint(-(10**5), 10**5)
         near = (whole + draw.choice((0.5, 0, 0.25))) / 10**4 * scale
         yield from (near, math.nextafter(near, math.inf), math.nextafter(near, -math.inf), -near)
-    yield draw.uniform(-1, 1)
-    yield random_number(draw)
-    yield math.ldexp(draw.random(), draw.randint(-1074, 1023)) * draw.choice((-1, 1))
+    tiny_or_huge = math.ldexp(draw.random(), draw.randint(-1074, 1023)) * draw.choice((-1, 1))
+    yield from (draw.uniform(-1, 1), random_number(draw), tiny_or_huge)
 
 
 def outcome(function: Callable[[Any], Any], value: Any) -> Any:
     """The result to the last sign and type, or the error with all that it says."""
     try:
         result = function(value)
-    except (Exception, RecursionError) as error:
-        place = getattr(error, "pos", None), getattr(error, "lineno", None)
-        notes = getattr(error, "__notes__", None)
-        return type(error), str(error), place, notes
+    except Exception as error:
+        more = [getattr(error, name, None) for name in ("pos", "lineno", "__notes__")]
+        return type(error), str(error), more
     return type(result), repr(result)
 
 
@@ -157,8 +149,6 @@ class Equality(StoreTestCase):
                 values.append(deep)
         values += [random_value(draw) for _ in range(self.rounds(6000))]
         for value in values:
-            expected = outcome(lambda value: json.dumps(value or []), value)
-            self.assertEqual(outcome(self.store.dumped, value), expected)
             expected = outcome(json.dumps, value)
             self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
         circle.clear()

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 import sqlite3
 import subprocess
 import sys
@@ -14,7 +13,7 @@ from typing import Any
 
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
-from tests.support import SOAK, StoreTestCase, fill, not_leak_checked
+from tests.support import SOAK, StoreTestCase, fill, not_leak_checked, refresh
 
 V = [1.0, 0.0, 0.0]
 
@@ -27,24 +26,17 @@ def write_for_ever(path: str) -> None:
             text, heading = f"{version} written", str(version)
             chunk = {"content": text, "heading": heading, "embedding": V, "citations": [1] * 9}
             store.replace_wiki_chunks(page_fk, "main", [chunk] * (20 + version % 7), "m")
-            store.update_wiki_page_citations(
-                "main",
-                page_id,
-                citations=[version],
-                content_hash=heading,
-                build_cache=None,
-                rewrite=lambda text: text.replace("written", "moved"),
-                moves={},
-            )
+            given = refresh(citations=[version], content_hash=heading, moves={})
+            given["rewrite"] = lambda text: text.replace("written", "moved")
+            store.update_wiki_page_citations("main", page_id, **given)
         if version == 1:
             print("begun", flush=True)
 
 
 def spawn(call: str, path: Path) -> subprocess.Popen[str]:
     code = f"from tests.test_store_processes import *; {call}"
-    return subprocess.Popen(
-        [sys.executable, "-c", code, path], stdout=subprocess.PIPE, text=True, env=os.environ
-    )
+    command = [sys.executable, "-c", code, path]
+    return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
 
 
 class Processes(StoreTestCase):
@@ -69,13 +61,12 @@ class Processes(StoreTestCase):
         def found() -> list[str]:
             return sorted(hit["content"] for hit in store.search_wiki_chunks(V, "main"))
 
-        old = ["close the window", "open the door", "paint the wall"]
-        self.assertEqual(found(), old)
+        self.assertEqual(found(), ["close the window", "open the door", "paint the wall"])
         opened = f"Repository(Database({str(self.folder / 'wiki.db')!r}))"
         with spawn(f"{opened}.delete_wiki_page('main', 'alpha')", self.folder) as process:
             self.assertEqual(process.wait(60), 0)
         index = store._wiki_chunk_indexes()["main"]
-        self.assertEqual(found(), old[2:], "hits of a deleted page are left out")
+        self.assertEqual(found(), ["paint the wall"], "hits of a deleted page are left out")
         self.assertIs(store._wiki_chunk_indexes()["main"], index)
         swap = f"{opened}.db.replace_index({str(self.folder / 'other.db')!r})"
         with spawn(swap, self.folder) as process:

@@ -197,14 +197,9 @@ class Life(StoreTestCase):
         self.assertIsNone(method(types.SimpleNamespace(_wiki_chunk_indexes=dict)))
 
     def test_import_fails_when_the_host_lacks_a_name_or_a_module(self) -> None:
-        lacking = {
-            "database": "Database",
-            "vector_codec": "stored_vectors",
-            "vector_index": "EmbeddingIndex",
-            "wiki_chunk_words": "WikiChunkIndex",
-            "wiki_rows": "row_to_wiki_page",
-        }
-        for home, name in lacking.items():
+        lacking = "database.Database vector_codec.stored_vectors vector_index.EmbeddingIndex"
+        lacking += " wiki_chunk_words.WikiChunkIndex wiki_rows.row_to_wiki_page"
+        for home, name in (each.split(".") for each in lacking.split()):
             module = sys.modules[f"tessaly.storage.{home}"]
             value = getattr(module, name)
             missing = rf"^cannot import name '{name}' from '{module.__name__}' \(.*\)$"

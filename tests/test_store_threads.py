@@ -14,7 +14,8 @@ import threading
 import time
 import unittest
 from collections import defaultdict
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
 
@@ -48,20 +49,18 @@ class Threads(StoreTestCase):
         with tempfile.TemporaryDirectory() as folder:
             other = Path(folder, "other.db")
             with Database(other) as swapped, Journal(Path(folder, "wiki.db")) as journal:
-                for database in (journal, swapped):
-                    fill(database)
+                fill(journal)
+                fill(swapped)
                 self.work(journal, other)
                 with Database(Path(folder, "again.db")) as again:
                     fill(again)
-                    replayed = Repository(again)
                     for write in journal.written[1:]:
-                        write(replayed)
+                        write(Repository(again))
                     self.assertEqual(tables(journal), tables(again))
 
     def work(self, journal: Journal, other: Path) -> None:
         store = Repository(journal)
         until = time.monotonic() + (60 if SOAK else 2)
-        failed: list[BaseException] = []
 
         def write(change: Write) -> None:
             journal.current.write = change
@@ -100,39 +99,23 @@ class Threads(StoreTestCase):
             store.invalidate_wiki_chunk_index()
             self.assertIn(store.wiki_chunk_dimension("main"), (None, 3))
 
-        def going_on(version: int) -> bool:
-            return not failed and (version == 0 or time.monotonic() < until)
-
         def run(task: Callable[[int], None]) -> None:
-            try:
-                for version in itertools.takewhile(going_on, itertools.count()):
-                    try:
-                        task(version)
-                    except sqlite3.OperationalError as error:
-                        if "locked" not in str(error):
-                            raise
-            except BaseException as error:
-                failed.append(error)
+            for version in itertools.count():
+                try:
+                    task(version)
+                except sqlite3.OperationalError as error:
+                    if "locked" not in str(error):
+                        raise
+                if time.monotonic() > until:
+                    return
 
         tasks = [functools.partial(replace, 1), functools.partial(replace, 2), move, count, swap]
         tasks += [search, search, forget]
         interval = sys.getswitchinterval()
         self.addCleanup(sys.setswitchinterval, interval)
         sys.setswitchinterval(1e-5)
-        in_threads(run, tasks)
-        if failed:
-            raise failed[0]
-
-
-def in_threads(
-    task: Callable[[Any], None], given: Iterable[Any], meanwhile: Callable[[], None] = bool
-) -> None:
-    threads = [threading.Thread(target=task, args=(one,)) for one in given]
-    for thread in threads:
-        thread.start()
-    meanwhile()
-    for thread in threads:
-        thread.join()
+        with ThreadPoolExecutor(len(tasks)) as pool:
+            list(pool.map(run, tasks))
 
 
 WORK = """
@@ -162,17 +145,18 @@ class Interpreters(StoreTestCase):
     def test_interpreters_work_side_by_side_and_end_alone(self) -> None:
         turns = 1000 if SOAK else 60
         source = textwrap.dedent(WORK)
-        failed: list[Any] = []
 
-        def live(number: int) -> None:
+        def live(number: int) -> Any:
             mine = _interpreters.create("isolated")
             try:  # the first ones are gone long before the last
                 code = source.format(path=sys.path, turns=turns * (number + 1))
-                failed.append(_interpreters.exec(mine, code))
+                return _interpreters.exec(mine, code)
             finally:
                 _interpreters.destroy(mine)
 
-        in_threads(live, range(4), lambda: exec(source.format(path=sys.path, turns=turns), {}))
+        with ThreadPoolExecutor(4) as pool:
+            failed = pool.map(live, range(4))
+            exec(source.format(path=sys.path, turns=turns), {})
         self.assertEqual([error and error.formatted for error in failed], [None] * 4)
 
 
