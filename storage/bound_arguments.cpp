@@ -74,17 +74,14 @@ bool BoundArguments::fill_keyword_defaults(const Signature& signature) {
   PyObject* value = nullptr;
   for (std::size_t i = signature.positional; i < signature.parameters; ++i) {
     // As it was made, the dict has the parameters in their order: walking beside it is cheaper
-    // than looking every name up. Nothing in this loop runs Python code.
+    // than looking every name up, and runs no Python code.
     if (defaults != nullptr && PyDict_Next(defaults, &next, &key, &value) != 0 &&
         key == name_at(signature, i)) {
       if (values_[i] == nullptr) values_[i] = owned_.push(Owned::borrow(value)).ptr();
       continue;
     }
     if (values_[i] != nullptr) continue;
-    if (defaults == nullptr) return false;
-    PyObject* found = nullptr;
-    if (py::checked(PyDict_GetItemRef(defaults, name_at(signature, i), &found)) == 0) return false;
-    values_[i] = owned_.push(Owned::steal(found)).ptr();
+    return false;  // somebody changed it: let the interpreter find its way
   }
   return true;
 }
@@ -92,8 +89,9 @@ bool BoundArguments::fill_keyword_defaults(const Signature& signature) {
 /// Lets the interpreter bind: the function returns its locals, or raises the error that is due.
 void BoundArguments::bind_by_function(const Signature& signature, PyObject* const* passed,
                                       std::size_t flags_and_count, PyObject* keyword_names) {
-  const Owned bound =
-      Owned::steal(PyObject_Vectorcall(signature.function, passed, flags_and_count, keyword_names));
+  const Owned bound = Owned::steal(py::in_interpreter([&] {
+    return PyObject_Vectorcall(signature.function, passed, flags_and_count, keyword_names);
+  }));
   for (std::size_t i = 0; i < signature.parameters; ++i)
     values_[i] = owned_.push(py::item(bound, py::Handle(name_at(signature, i)))).ptr();
 }

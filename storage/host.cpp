@@ -77,7 +77,10 @@ class HandlingScope {
   }
   HandlingScope(const HandlingScope&) = delete;
   HandlingScope& operator=(const HandlingScope&) = delete;
-  ~HandlingScope() { py::drop(Owned::steal(std::exchange(item_->exc_value, outer_))); }
+  ~HandlingScope() {
+    // Whoever ran meanwhile may have cleared it.
+    if (PyObject* handled = std::exchange(item_->exc_value, outer_)) py::drop_reference(handled);
+  }
 
  private:
   _PyErr_StackItem* item_;

@@ -58,23 +58,26 @@ PyObject* bind_and_run(const NativeMethod& method, PyObject* const* arguments,
 class RecursionGuard {
  public:
   explicit RecursionGuard(int& calls_in_progress) noexcept : calls_(calls_in_progress) {
-    counted_ = ++calls_ > kUncounted;
-    entered_ = !counted_ || Py_EnterRecursiveCall(" while calling a native method") == 0;
+    if (++calls_ <= kUncounted) return;
+    while (entered_ < kFrames && Py_EnterRecursiveCall(" while calling a native method") == 0)
+      ++entered_;
+    refused_ = entered_ < kFrames;
   }
   RecursionGuard(const RecursionGuard&) = delete;
   RecursionGuard& operator=(const RecursionGuard&) = delete;
   ~RecursionGuard() {
-    if (counted_ && entered_) Py_LeaveRecursiveCall();
+    while (entered_-- > 0) Py_LeaveRecursiveCall();
     --calls_;
   }
-  /// If not, RecursionError is set.
-  [[nodiscard]] bool entered() const noexcept { return entered_; }
+  /// If so, RecursionError is set.
+  [[nodiscard]] bool refused() const noexcept { return refused_; }
 
  private:
   static constexpr int kUncounted = 100;
+  static constexpr int kFrames = 10;  // a method and what it calls, in frames of the C stack
   int& calls_;
-  bool counted_;
-  bool entered_;
+  int entered_ = 0;
+  bool refused_ = false;
 };
 
 PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_t flags_and_count,
@@ -86,7 +89,7 @@ PyObject* call_method(PyObject* callable, PyObject* const* arguments, std::size_
     return nullptr;
   }
   const RecursionGuard guard(method.state->calls_in_progress);
-  if (!guard.entered()) return nullptr;
+  if (guard.refused()) return nullptr;
   const auto count = static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count));
   const std::size_t parameters = method.row->parameters;
   const bool is_bound =
@@ -107,7 +110,9 @@ PyObject* get_attribute(PyObject* self, void* name) {
     PyErr_SetString(PyExc_AttributeError, static_cast<const char*>(name));
     return nullptr;
   }
-  return PyObject_GetAttrString(method.signature.ptr(), static_cast<const char*>(name));
+  return py::in_interpreter([&] {
+    return PyObject_GetAttrString(method.signature.ptr(), static_cast<const char*>(name));
+  });
 }
 
 int set_attribute(PyObject* self, PyObject* value, void* name) {

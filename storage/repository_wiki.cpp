@@ -44,7 +44,9 @@ void run_imports(const ModuleState& state) {
 
 /// The builtin function of that name, if it is still the interpreter's own.
 void capture_builtin(py::Member& member, Handle builtins, Handle name) {
-  const Owned function = py::item(builtins, name);
+  PyObject* found = nullptr;
+  if (py::checked(PyDict_GetItemRef(builtins.ptr(), name.ptr(), &found)) == 0) return;
+  const Owned function = Owned::steal(found);
   if (!PyCFunction_CheckExact(function.ptr())) return;
   const Owned own_name =
       py::attribute(function, Owned::steal(PyUnicode_FromString("__qualname__")));
@@ -56,8 +58,7 @@ void capture_builtin(py::Member& member, Handle builtins, Handle name) {
 
 void create_state(ModuleState& state, Handle module) {
   state.names.create();
-  const Owned builtins_module = Owned::steal(PyImport_ImportModule("builtins"));
-  const Owned builtins = Owned::borrow(PyModule_GetDict(builtins_module.ptr()));
+  const Owned builtins = Owned::borrow(PyEval_GetBuiltins());
   state.globals.set(Owned::borrow(PyModule_GetDict(module.ptr())), Owned::borrow(builtins));
   capture_builtin(state.genuine_import, builtins, state.names.dunder_import);
   capture_builtin(state.genuine_round, builtins, state.names.round);

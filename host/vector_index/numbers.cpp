@@ -1,6 +1,7 @@
 #include "numbers.h"
 
 #include <bit>
+#include <cstdint>
 #include <string_view>
 
 namespace tessaly::vectors {
@@ -11,6 +12,7 @@ bool is_row_of_floats(const Py_buffer& view) {
   const bool native = format == "f" || format == "@f" || format == "=f" ||
                       format == (std::endian::native == std::endian::little ? "<f" : ">f");
   return native && view.itemsize == sizeof(float) && view.ndim == 1 &&
+         reinterpret_cast<std::uintptr_t>(view.buf) % alignof(float) == 0 &&
          PyBuffer_IsContiguous(&view, 'C') != 0;
 }
 

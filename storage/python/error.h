@@ -50,11 +50,18 @@ inline Py_ssize_t checked_size(Py_ssize_t size, Where where = Where::current()) 
   return size;
 }
 
-/// Sets `type` with a printf-style text (the conversions of PyErr_Format) and throws.
+/// A printf-style text (with the conversions of PyErr_Format) and the place that raises it.
+struct Message {
+  Message(const char* text, Where at = Where::current()) : format(text), where(at) {}
+  const char* format;
+  Where where;
+};
+
+/// Sets an error of `type` with that text and throws.
 template <typename... Arguments>
-[[noreturn]] void raise(PyObject* type, const char* format, Arguments... arguments) {
-  PyErr_Format(type, format, arguments...);
-  throw_error_set();
+[[noreturn]] void raise(PyObject* type, Message message, Arguments... arguments) {
+  PyErr_Format(type, message.format, arguments...);
+  throw_error_set(message.where);
 }
 
 /// Called inside a catch block: leaves a Python error set whatever was caught, and answers what is

@@ -8,7 +8,7 @@ namespace {
 
 std::optional<Owned> dict_get(PyObject* dict, Handle name, Where where) {
   PyObject* value = nullptr;
-  const int status = PyDict_GetItemRef(dict, name.ptr(), &value);
+  const int status = in_interpreter([&] { return PyDict_GetItemRef(dict, name.ptr(), &value); });
   return found(status, value, where);
 }
 
@@ -34,15 +34,19 @@ std::optional<Owned> GlobalNames::builtin(Handle name, Where where) const {
 }
 
 Owned GlobalNames::look_up(Handle name, Where where) {
+  const std::uint64_t module_version = module_.version();
+  const std::uint64_t builtins_version = builtins_.version();
   std::optional<Owned> value = dict_get(module_.ptr(), name, where);
   if (!value) value = dict_get(builtins_.ptr(), name, where);
   if (!value) raise_name_error(name, where);
-  if (!module_.unchanged() || !builtins_.unchanged()) {
-    entries_.fill({});
+  // A key that is no plain str may have run code while it was compared, and that may have changed
+  // the answer already.
+  if (module_.version() == module_version && builtins_.version() == builtins_version) {
+    if (!module_.unchanged() || !builtins_.unchanged()) entries_.fill({});
     module_.remember();
     builtins_.remember();
+    entry_of(name) = {name.ptr(), value->ptr()};
   }
-  entry_of(name) = {name.ptr(), value->ptr()};
   return std::move(*value);
 }
 

@@ -21,7 +21,6 @@ class WatchedDict {
   [[nodiscard]] bool unchanged() const noexcept { return seen_ == version(); }
   void remember() noexcept { seen_ = version(); }
 
- private:
   /// CPython 3.13 gives a dict another version with every change. The field goes with 3.14, and
   /// then so does this shortcut: an `unchanged` that is always false leaves everything right.
   [[nodiscard]] std::uint64_t version() const noexcept {
@@ -31,6 +30,7 @@ class WatchedDict {
 #pragma GCC diagnostic pop
   }
 
+ private:
   Member dict_;
   std::uint64_t seen_ = 0;  // no dict that holds anything has this version
 };

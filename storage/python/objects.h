@@ -30,17 +30,20 @@ struct Target {
 };
 
 inline Owned attribute(Target target, Handle name) {
-  return Owned::steal(PyObject_GetAttr(target.ptr(), name.ptr()), target.where);
+  return Owned::steal(in_interpreter([&] { return PyObject_GetAttr(target.ptr(), name.ptr()); }),
+                      target.where);
 }
 
 /// `PyObject_Vectorcall` without keywords; a Python function, which has its entry in itself, is
 /// entered straight.
 inline PyObject* vectorcall(PyObject* callable, PyObject* const* arguments,
                             std::size_t flags_and_count) {
-  if (PyFunction_Check(callable))
-    return reinterpret_cast<PyFunctionObject*>(callable)->vectorcall(callable, arguments,
-                                                                     flags_and_count, nullptr);
-  return PyObject_Vectorcall(callable, arguments, flags_and_count, nullptr);
+  return in_interpreter([&] {
+    if (PyFunction_Check(callable))
+      return reinterpret_cast<PyFunctionObject*>(callable)->vectorcall(callable, arguments,
+                                                                       flags_and_count, nullptr);
+    return PyObject_Vectorcall(callable, arguments, flags_and_count, nullptr);
+  });
 }
 
 /// `target(arguments...)`.
@@ -57,9 +60,12 @@ Owned call(Target target, const Arguments&... arguments) {
 template <std::convertible_to<Handle>... Arguments>
 Owned call_method(Target target, Handle name, const Arguments&... arguments) {
   PyObject* stack[] = {nullptr, target.ptr(), Handle(arguments).ptr()...};
-  return Owned::steal(PyObject_VectorcallMethod(
-                          name.ptr(), stack + 1,
-                          (1 + sizeof...(Arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr),
+  constexpr std::size_t kFlagsAndCount =
+      (1 + sizeof...(Arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET;
+  return Owned::steal(in_interpreter([&] {
+                        return PyObject_VectorcallMethod(name.ptr(), stack + 1, kFlagsAndCount,
+                                                         nullptr);
+                      }),
                       target.where);
 }
 
@@ -68,20 +74,26 @@ inline bool truth(Target target) {
   if (PyTuple_CheckExact(target.ptr())) return PyTuple_GET_SIZE(target.ptr()) != 0;
   if (PyUnicode_CheckExact(target.ptr())) return PyUnicode_GET_LENGTH(target.ptr()) != 0;
   if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr()) != 0;
-  return checked(PyObject_IsTrue(target.ptr()), target.where) != 0;
+  return checked(in_interpreter([&] { return PyObject_IsTrue(target.ptr()); }), target.where) != 0;
 }
 
 inline Py_ssize_t length(Target target) {
   if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr());
-  return checked_size(PyObject_Size(target.ptr()), target.where);
+  return checked_size(in_interpreter([&] { return PyObject_Size(target.ptr()); }), target.where);
 }
 
-/// `bool(left OP right)`, OP one of Py_EQ, Py_NE, ...
+/// `left OP right`, OP one of Py_EQ, Py_NE, ...
+inline Owned rich_compare(Target left, Handle right, int operation) {
+  return Owned::steal(
+      in_interpreter([&] { return PyObject_RichCompare(left.ptr(), right.ptr(), operation); }),
+      left.where);
+}
+
+/// `bool(left OP right)`.
 inline bool compare(Target left, Handle right, int operation) {
   if (left.object.is(right) && PyLong_CheckExact(left.ptr()))
     return operation == Py_EQ || operation == Py_LE || operation == Py_GE;
-  const Owned answer =
-      Owned::steal(PyObject_RichCompare(left.ptr(), right.ptr(), operation), left.where);
+  const Owned answer = rich_compare(left, right, operation);
   return truth(Target(answer, left.where));
 }
 
@@ -92,18 +104,19 @@ inline Owned integer(Py_ssize_t value, Where where = Where::current()) {
 /// `int(target)`, the object itself when it is an exact int.
 inline Owned to_int(Target target) {
   if (PyLong_CheckExact(target.ptr())) return Owned::borrow(target.object);
-  return Owned::steal(PyNumber_Long(target.ptr()), target.where);
+  return Owned::steal(in_interpreter([&] { return PyNumber_Long(target.ptr()); }), target.where);
 }
 
 /// `str(target)`, the object itself when it is an exact str.
 inline Owned to_str(Target target) {
   if (PyUnicode_CheckExact(target.ptr())) return Owned::borrow(target.object);
-  return Owned::steal(PyObject_Str(target.ptr()), target.where);
+  return Owned::steal(in_interpreter([&] { return PyObject_Str(target.ptr()); }), target.where);
 }
 
 /// `target[key]`.
 inline Owned item(Target target, Handle key) {
-  return Owned::steal(PyObject_GetItem(target.ptr(), key.ptr()), target.where);
+  return Owned::steal(in_interpreter([&] { return PyObject_GetItem(target.ptr(), key.ptr()); }),
+                      target.where);
 }
 
 /// `target[position]`, position not negative.
@@ -130,6 +143,19 @@ Owned tuple(Items&&... items) {
   return made;
 }
 
+/// `iter(target)`.
+inline Owned iterator(Target target) {
+  return Owned::steal(in_interpreter([&] { return PyObject_GetIter(target.ptr()); }), target.where);
+}
+
+/// `next(iterator)`, or nothing at its end.
+inline std::optional<Owned> next(Target iterator) {
+  PyObject* item = in_interpreter([&] { return PyIter_Next(iterator.ptr()); });
+  if (item != nullptr) return Owned::steal(item);
+  if (PyErr_Occurred()) throw_error_set(iterator.where);
+  return std::nullopt;
+}
+
 /// Calls `visit(Owned)` for every item of an iterable, as a `for` statement does: a list or tuple
 /// that changes meanwhile is followed the way its iterator would. `visit` may answer `false` to
 /// end the loop early.
@@ -149,10 +175,9 @@ void for_each(Target iterable, Visit&& visit) {
       if (!go_on(Owned::borrow(PyList_GET_ITEM(object, i)))) return;
     return;
   }
-  const Owned iterator = Owned::steal(PyObject_GetIter(object), iterable.where);
-  while (PyObject* next = PyIter_Next(iterator.ptr()))
-    if (!go_on(Owned::steal(next))) return;
-  if (PyErr_Occurred()) throw_error_set(iterable.where);
+  const Owned source = iterator(iterable);
+  while (std::optional<Owned> one = next(Target(source, iterable.where)))
+    if (!go_on(std::move(*one))) return;
 }
 
 /// Raises what an assignment to `expected` names raises for `target`, or fills `items`.
@@ -273,5 +298,17 @@ Owned record_layout(const std::array<Handle, Count>& keys) {
 Owned mapping_get(Target mapping, Handle get, Handle key);
 Owned mapping_get(Target mapping, Handle get, Handle key, Handle fallback);
 void mapping_set(Target mapping, Handle key, Handle value);
+
+/// A set that is filled, and then read once in ascending order.
+class SortedSet {
+ public:
+  SortedSet() : set_(Owned::steal(PySet_New(nullptr))) {}
+  void add(Target item);
+  /// `sorted(set)`: a new list.
+  [[nodiscard]] Owned sorted(Where where = Where::current()) const;
+
+ private:
+  Owned set_;
+};
 
 }  // namespace tessaly::py

@@ -21,10 +21,13 @@ Owned make_frame(const char* function, Where where, PyObject* namespace_dict) {
 void add_traceback(const char* function, Where where, PyObject* namespace_dict) noexcept {
   if (namespace_dict == nullptr) return;
   PyObject* error = PyErr_GetRaisedException();
+  if (error == nullptr) return;
   try {
     const Owned frame = make_frame(function, where, namespace_dict);
+    Owned kept = Owned::borrow(error);
     PyErr_SetRaisedException(error);
-    PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.ptr()));
+    if (PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.ptr())) < 0)
+      PyErr_SetRaisedException(kept.release());
   } catch (const ErrorSet&) {
     PyErr_SetRaisedException(error);  // replaces the error of making the frame
   }

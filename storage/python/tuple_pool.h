@@ -35,6 +35,7 @@ class TuplePool {
   template <typename... Items>
   LeasedTuple lease(Items&&... items) {
     constexpr std::size_t kSize = sizeof...(Items);
+    static_assert(kSize > 0, "the empty tuple is everybody's");
     if constexpr (kSize <= kLongest) {
       Member& spare = spare_[kSize];
       // Somebody may have found it by way of the garbage collector: then it is left to them.

@@ -22,9 +22,7 @@ std::optional<Owned> next_row(ChunkRows& chunk_rows, py::Handle rows) {
     if (chunk_rows.next >= PyList_GET_SIZE(rows.ptr())) return std::nullopt;
     return Owned::borrow(PyList_GET_ITEM(rows.ptr(), chunk_rows.next++));
   }
-  PyObject* row = PyIter_Next(rows.ptr());
-  if (row == nullptr && PyErr_Occurred()) py::throw_error_set();
-  return row == nullptr ? std::nullopt : std::optional(Owned::steal(row));
+  return py::next(rows);
 }
 
 Owned triple(py::Handle row) {
@@ -91,9 +89,7 @@ Owned create_chunk_rows_type(py::Handle module) {
 
 Owned make_chunk_rows(const ModuleState& state, py::Target rows) {
   auto* type = reinterpret_cast<PyTypeObject*>(state.chunk_rows_type.ptr());
-  Owned source = PyList_CheckExact(rows.ptr())
-                     ? Owned::borrow(rows.object)
-                     : Owned::steal(PyObject_GetIter(rows.ptr()), rows.where);
+  Owned source = PyList_CheckExact(rows.ptr()) ? Owned::borrow(rows.object) : py::iterator(rows);
   Owned made = Owned::steal(type->tp_alloc(type, 0), rows.where);
   as_chunk_rows(made.ptr())->rows.set(std::move(source));
   return made;

@@ -34,15 +34,12 @@ Owned chunk_of(const Call& call, Handle cached, Handle chunk_id) {
 
 /// The distinct page row ids of the hits, ascending: a tuple, as the statement takes them.
 Owned pages_of_hits(const Call& call, Handle cached, Handle hits) {
-  const Owned distinct = Owned::steal(PySet_New(nullptr));
+  py::SortedSet distinct;
   py::for_each(hits, [&](const Owned& hit) {
     const auto [chunk_id, similarity, fused] = py::unpack<3>(hit);
-    const Owned page_fk = py::item(chunk_of(call, cached, chunk_id), 0);
-    py::checked(PySet_Add(distinct.ptr(), page_fk.ptr()));
+    distinct.add(py::item(chunk_of(call, cached, chunk_id), 0));
   });
-  const Owned sorted = Owned::steal(PySequence_List(distinct.ptr()));
-  py::checked(PyList_Sort(sorted.ptr()));
-  return Owned::steal(PyList_AsTuple(sorted.ptr()));
+  return Owned::steal(PyList_AsTuple(distinct.sorted().ptr()));
 }
 
 constexpr StatementShape kReadPages{

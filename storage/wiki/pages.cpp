@@ -37,7 +37,8 @@ Owned page_statement(const Call& call, const StatementShape& shape, Py_ssize_t m
                      py::Where where = py::Where::current()) {
   Owned columns = call.global(call.names().WIKI_PAGE_COLUMNS, where);
   if (!PyUnicode_CheckExact(columns.ptr())) {
-    const Owned formatted = Owned::steal(PyObject_Format(columns.ptr(), nullptr), where);
+    const Owned formatted = Owned::steal(
+        py::in_interpreter([&] { return PyObject_Format(columns.ptr(), nullptr); }), where);
     columns = Owned::steal(PyUnicode_FromObject(formatted.ptr()), where);
   }
   return call.state().statements.get(shape, columns.ptr(), marks);
@@ -118,7 +119,7 @@ namespace {
 Owned normalise_paths(const Call& call, py::Target paths) {
   constexpr static py::Text kBackslash{"\\"};
   constexpr static py::Text kSlash{"/"};
-  const Owned distinct = Owned::steal(PySet_New(nullptr));
+  py::SortedSet distinct;
   py::for_each(paths, [&](const Owned& path) {
     if (!py::truth(path)) return;
     const Handle backslash = call.text(kBackslash);
@@ -127,11 +128,9 @@ Owned normalise_paths(const Call& call, py::Target paths) {
         PyUnicode_CheckExact(path.ptr())
             ? Owned::steal(PyUnicode_Replace(path.ptr(), backslash.ptr(), slash.ptr(), -1))
             : py::call_method(path, call.names().replace, backslash, slash);
-    py::checked(PySet_Add(distinct.ptr(), normal.ptr()));
+    distinct.add(normal);
   });
-  Owned wanted = Owned::steal(PySequence_List(distinct.ptr()));
-  py::checked(PyList_Sort(wanted.ptr()));
-  return wanted;
+  return distinct.sorted();
 }
 
 constexpr StatementShape kReadCitingPages{
@@ -161,7 +160,7 @@ Owned delete_wiki_page(const Call& call, Handle branch, Handle page_id) {
   host::transaction(call, [&](const host::Cursor& cursor) {
     cursor.execute(call.text(kDeletePage), call.parameters(branch, page_id));
     const Owned zero = py::integer(0);
-    removed = Owned::steal(PyObject_RichCompare(cursor.rowcount().ptr(), zero.ptr(), Py_GT));
+    removed = py::rich_compare(cursor.rowcount(), zero, Py_GT);
   });
   drop_chunk_index(call, branch);
   if (!removed)  // the exit swallowed an error, and there is nothing to answer
