@@ -25,7 +25,6 @@ from tessaly.storage.vector_codec import stored_vectors
 from tessaly.storage.wiki_chunk_words import ChunkWords
 
 SOAK = bool(os.environ.get("TESSALY_SOAK"))  # the long versions, for a night
-STORES = {native_store: native_store.WikiStore, plain_store: plain_store.PlainWikiStore}
 
 
 class StoreTestCase(unittest.TestCase):
@@ -85,14 +84,13 @@ class DatabaseTestCase(StoreTestCase):
         self.addCleanup(self.database.close)
 
     def same_outcome(
-        self, case: Case, act: Act | None = None, prepare: Callable[[Run], Any] | None = None
+        self, case: Case, act: Act | None = None, prepare: Callable[[Run], Any] = lambda _run: None
     ) -> Run:
         """The native store's run, once its outcome has been found equal to the plain one's."""
         seen = []
         for module in (plain_store, native_store):
             run = Run(module, self.database, case)
-            if prepare is not None:
-                prepare(run)
+            prepare(run)
             seen.append(run.go(act).outcome())
         self.assertEqual(*seen)
         return run
@@ -142,12 +140,12 @@ class Host:
 
     def __init__(self, module: Any, database: Database) -> None:
         self.module = module
+        self.database = database
         self.calls: list[Any] = []
         self.act: Callable[[int, str], None] | None = None
         self.exit_saw: list[tuple[Any, ...]] = []
         self.exit_swallows = False
         self.exit_raises: BaseException | None = None
-        self.database = database
         self.answers: list[Any] = []  # rows and hits, as the store holds them just now
         self.row_type: type = tuple
         own = "stored_vectors EmbeddingIndex WikiChunkIndex row_to_wiki_page moved_citation"
@@ -311,19 +309,18 @@ class Run:
     def __init__(self, module: Any, database: Database, case: Case) -> None:
         (self.method, positional, keywords), warm = case
         self.host = Host(module, database)
-        self.arguments = copy.deepcopy(positional)
-        self.keywords = copy.deepcopy(keywords)
+        self.arguments, self.keywords = copy.deepcopy((positional, keywords))
         if "moves" in keywords:
             self.keywords["rewrite"] = self.host.reported("rewrite", str.upper)
-        self.base = STORES[module]
-        repository: Any = type("Repository", (self.base, Named), {})
+        store = native_store.WikiStore if module is native_store else plain_store.PlainWikiStore
+        repository: Any = type("Repository", (store, Named), {})
         self.store = repository(HostObject(self.host, database))
         fill(database)
-        with self.host.in_place:
-            if warm:
+        if warm:
+            with self.host.in_place:
                 self.store._wiki_chunk_index("main")
-                self.host.calls.clear()
-                self.host.answers.clear()
+        self.host.calls.clear()
+        self.host.answers.clear()
         self.cached = self.entry()
         self.result: Any = None
         self.error: BaseException | None = None

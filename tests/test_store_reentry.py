@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import gc
-import json
 import types
 import unittest
 from collections.abc import Callable
@@ -14,6 +13,7 @@ from tessaly.storage import repository_wiki as native_store
 from tests.support import CALLS_OF_THE_STORE, DatabaseTestCase, Named, Run
 
 Act = Callable[[Run], None]
+WRITTEN = [{"content": "new", "embedding": [9.0] * 3}]
 CACHE = "_wiki_chunk_index_cache"
 
 
@@ -67,30 +67,18 @@ def spoil(container: Any) -> None:
         container[key] = [object()] * 3
 
 
-def write_elsewhere(run: Run) -> None:
-    run.store.upsert_wiki_state("main", model="another")
-
-
-def write_same(run: Run) -> None:
-    run.store.replace_wiki_chunks(1, "main", [{"content": "new", "embedding": [9.0] * 3}], "n")
-
-
-def rebuild(run: Run) -> None:
-    run.store._wiki_chunk_index("main")
+REBOUND: dict[str, Callable[[str], Any]] = {  # the rest stay what they were, and say so
+    "WIKI_PAGE_COLUMNS": lambda old: old.replace("id, branch", "branch, id"),
+    "json": lambda _old: types.SimpleNamespace(dumps=lambda value: f"<{value}>", loads=list),
+    "logger": lambda _old: None,
+}
 
 
 def rebind(name: str) -> Act:
     def act(run: Run) -> None:
         names = vars(run.host.module)
-        old = names[name]
-        if name == "WIKI_PAGE_COLUMNS":
-            names[name] = old.replace("id, branch", "branch, id")
-        elif name == "json":
-            names[name] = types.SimpleNamespace(dumps=lambda value: f"<{value}>", loads=list)
-        elif name == "logger":
-            names[name] = None
-        else:
-            names[name] = run.host.reported("rebound", old)
+        again = REBOUND.get(name, lambda old: run.host.reported("rebound", old))
+        names[name] = again(names[name])
 
     return act
 
@@ -110,9 +98,9 @@ ACTS: dict[str, Act] = {
     "delete the cache": lambda run: run.store.__dict__.pop(CACHE, None) and None,
     "empty the instance": lambda run: run.store.__dict__.clear(),
     "replace db": lambda run: setattr(run.store, "db", None),
-    "write elsewhere": write_elsewhere,
-    "write the same": write_same,
-    "rebuild": rebuild,
+    "write elsewhere": lambda run: run.store.upsert_wiki_state("main", model="another"),
+    "write the same": lambda run: run.store.replace_wiki_chunks(1, "main", WRITTEN, "n"),
+    "rebuild": lambda run: run.store._wiki_chunk_index("main"),
     "collect": lambda run: gc.collect(1) and None,
     "change the class": lambda run: setattr(run.store, "__class__", Named),
     "empty arguments": to_arguments(lambda container: container.clear()),
@@ -156,10 +144,8 @@ class Reentry(DatabaseTestCase):
             if at in (0, number) and number < 60:
                 act(run)
 
-        def prepare(run: Run) -> None:
-            run.host.row_type = list if at % 2 else tuple
-
-        self.same_outcome(case, interfere, prepare)
+        rows: Any = {"row_type": list if at % 2 else tuple}
+        self.same_outcome(case, interfere, lambda run: vars(run.host).update(rows))
 
 
 if __name__ == "__main__":

@@ -19,6 +19,7 @@ import unittest
 import weakref
 import zlib
 from typing import Any
+from unittest import mock
 
 from benchmarks.plain_store import PlainWikiStore
 from tessaly.storage import repository_wiki
@@ -117,31 +118,25 @@ class Shape(StoreTestCase):
 
     def test_defaults_that_are_set_are_used(self) -> None:
         page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks
+        put = mock.patch.object
         asked: list[Any] = []
         index = types.SimpleNamespace(dimension=0, chunks={})
         index.ranked = lambda *given: asked.append(given) or []
         one = type("One", (WikiStore,), {"_wiki_chunk_index": lambda _self, _branch: index})()
         one.db = types.SimpleNamespace(fetchall=lambda _statement, _parameters: [])
-        old = search.__defaults__, search.__kwdefaults__, page.__kwdefaults__, page.__doc__
-        try:
-            search.__defaults__, search.__kwdefaults__ = ("b", 7), {"terms": ["w"]}
+        with put(search, "__defaults__", ("b", 7)), put(search, "__kwdefaults__", {"terms": ["w"]}):
             one.search_wiki_chunks([])
-            search.__kwdefaults__ = None
-            with self.assertRaisesRegex(TypeError, r"missing 1 required keyword-only .*: 'terms'"):
-                one.search_wiki_chunks([], "b")
-            search.__defaults__ = None
-            with self.assertRaisesRegex(TypeError, "arguments: 'branch' and 'top_k'"):
-                one.search_wiki_chunks([], terms=())
-            page.__kwdefaults__.pop("model")
-            with self.assertRaisesRegex(TypeError, "'model'"):
-                one.upsert_wiki_page("b", "p", "t")
-            page.__doc__ = "other"
-            self.assertEqual(inspect.getdoc(WikiStore.upsert_wiki_page), "other")
-        finally:
-            search.__defaults__, search.__kwdefaults__, page.__kwdefaults__, page.__doc__ = old
-            keys = list(PLAIN["upsert_wiki_page"].__kwdefaults__)
-            page.__kwdefaults__ = {key: old[2].get(key) for key in keys}
         self.assertEqual(asked, [([], 7, ["w"])])
+        fewer = {key: None for key in page.__kwdefaults__ if key != "model"}
+        for method, given, attribute, value, missing in (
+            (search, ([], "b"), "__kwdefaults__", None, "1 required keyword-only .*: 'terms'"),
+            (search, ([],), "__defaults__", None, "arguments: 'branch' and 'top_k'"),
+            (page, ("b", "p", "t"), "__kwdefaults__", fewer, "keyword-only .*: 'model'"),
+        ):
+            with put(method, attribute, value), self.assertRaisesRegex(TypeError, missing):
+                method(one, *given)
+        with put(page, "__doc__", "other"):
+            self.assertEqual(inspect.getdoc(WikiStore.upsert_wiki_page), "other")
 
     def test_wrong_arguments_are_refused_in_the_interpreters_words(self) -> None:
         checked = 0
