@@ -9,6 +9,6 @@ if ! command -v valgrind >/dev/null 2>&1; then
 fi
 for tests in test_store_behaviour test_store_faults; do
     PYTHONMALLOC=malloc PYTHONPATH="$BUILD/python:." valgrind --quiet --error-exitcode=99 \
-        --leak-check=no --suppressions=tools/valgrind.supp \
+        --leak-check=no \
         "$PYTHON" -P -m unittest "tests.$tests"
 done
