@@ -147,7 +147,8 @@ class Host:
         self.exit_swallows = False
         self.exit_raises: BaseException | None = None
         self.answers: list[Any] = []  # rows and hits, as the store holds them just now
-        self.row_type: type = tuple
+        self.row_type: Callable[[Any], Any] = tuple
+        self.cell_type: Callable[[Any], Any] = lambda value: value
         own = "stored_vectors EmbeddingIndex WikiChunkIndex row_to_wiki_page moved_citation"
         names = {name: self.reported(name, getattr(module, name)) for name in own.split()}
         names |= {"ChunkWords": self, "logger": HostObject(self, logging.Logger("silent", 99))}
@@ -169,7 +170,9 @@ class Host:
         self.before(name, *arguments, **keywords)
         result = function(*arguments, **keywords)
         if name == "index_generation":  # equal to the last one, and another object
-            result = self.row_type(["generation", result])
+            result = self.cell_type(["generation", result])
+        elif name == "rowcount":
+            result = self.cell_type(result)
         elif name == "fetchone" and result is not None:
             result = self.row_type(result)
         elif name in ("fetchall", "ranked"):

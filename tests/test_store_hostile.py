@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import gc
+import itertools
 import json
 import logging
 import operator
@@ -14,7 +15,7 @@ from collections.abc import Callable
 from typing import Any
 
 from tessaly.storage import repository_wiki as native_store
-from tests.support import CALLS_OF_THE_STORE, DatabaseTestCase, Host, Run, StoreTestCase
+from tests.support import CALLS_OF_THE_STORE, Case, DatabaseTestCase, Host, Run, StoreTestCase
 from tests.test_store_json import mutated, random_text
 from tests.test_store_reentry import ACTS
 
@@ -49,13 +50,13 @@ class Hostile(DatabaseTestCase):
         draw = self.random("hostile")
         logging.disable()  # the host speaks of embeddings that it leaves out
         self.addCleanup(logging.disable, logging.NOTSET)
-        for _ in range(self.rounds(2500)):
+        for _ in range(self.rounds(3000)):
             (method, positional, keywords), warm = draw.choice(CALLS_OF_THE_STORE)
             corrupt = f"UPDATE {draw.choice(COLUMNS)} = ? WHERE id = ?"
             text = mutated(draw, draw.choice(("[{}]", json.dumps(NASTY))))
             text = draw.choice((nasty(draw), text)).encode("utf-8", "replace").decode()
             stored = draw.choice((text, draw.randbytes(draw.randint(0, 17)), bytes(12), 7, 2.5))
-            parameters, in_row = (stored, draw.randint(1, 3)), draw.random() < 0.4
+            parameters, in_row = (stored, draw.randint(1, 3)), draw.random() < 0.3
             if not in_row:
                 positional = tuple(spoiled(draw, value) for value in positional)
                 keywords = {key: spoiled(draw, value) for key, value in keywords.items()}
@@ -90,11 +91,8 @@ class Path(Biting, str):
         return str.__new__(cls, text)
 
 
-def raising(error: type[Exception]) -> Callable[[Run], Any]:
-    def act(_run: Run) -> None:
-        raise error("bitten")
-
-    return act
+def stop(_run: Run) -> None:
+    raise StopIteration("bitten")
 
 
 def bite(special: str, answer: Callable[..., Any]) -> Callable[..., Any]:
@@ -122,29 +120,36 @@ class Bites(DatabaseTestCase):
     def test_biting_objects_in_every_place(self) -> None:
         draw = self.random("bites")
         harm = ("empty answers", "empty arguments", "empty the instance", "collect")
-        acts = [raising(KeyError), raising(StopIteration), *(ACTS[name] for name in harm)]
-        for _ in range(self.rounds(1500)):
-            case, act, at = draw.choice(CALLS_OF_THE_STORE), draw.choice(acts), draw.randrange(40)
-            parts, given = draw.random() < 0.6, draw.random() < 0.3
-            kind = draw.choice((Path, Biting))
+        ways = ((True, None), (False, None), (True, Path), (True, Biting))
+        for case, (parts, given) in itertools.product(CALLS_OF_THE_STORE, ways):
+            for at in itertools.count(1):
+                for act in (stop, ACTS[draw.choice(harm)]):
+                    with self.subTest(case[0][0], parts=parts, given=given, at=at):
+                        run = self.bitten(case, act, at, parts, given)
+                if self.repeating or at > len(run.host.calls):  # the act was not reached
+                    break
 
-            def prepare(run: Run) -> None:
-                def biting(value: Any) -> Any:
-                    return value if isinstance(value, bytes) else Biting(run.host, value)
+    def bitten(self, case: Case, act: Any, at: int, parts: bool, given: Any) -> Run:
+        """A run with biting rows, or cells of rows, and perhaps arguments; the act at one call."""
 
-                def argument(value: Any) -> Any:
-                    listed = isinstance(value, list)
-                    return [kind(run.host, each) for each in value] if listed else biting(value)
+        def prepare(run: Run) -> None:
+            def biting(value: Any) -> Any:
+                return value if isinstance(value, bytes) else Biting(run.host, value)
 
-                run.host.row_type = (lambda row: tuple(map(biting, row))) if parts else biting
-                if given:
-                    run.arguments = tuple(map(argument, run.arguments))
+            def argument(value: Any) -> Any:
+                listed = isinstance(value, list) and given is Path
+                return [Path(run.host, each) for each in value] if listed else biting(value)
 
-            def interfere(run: Run, number: int, _name: str) -> None:
-                if number == at:
-                    act(run)
+            run.host.cell_type = biting
+            run.host.row_type = (lambda row: tuple(map(biting, row))) if parts else biting
+            if given is not None:
+                run.arguments = tuple(map(argument, run.arguments))
 
-            self.same_outcome(case, interfere, prepare)
+        def interfere(run: Run, number: int, _name: str) -> None:
+            if number == at:
+                act(run)
+
+        return self.same_outcome(case, interfere, prepare)
 
 
 class Keeping(StoreTestCase):
