@@ -219,8 +219,6 @@ class Rebinding(StoreTestCase):
             (put(json, "_default_encoder", encoder), f"{writers} refresh"),
             (put(json, "_default_decoder", decoder), "search refresh"),
             (put(json.dumps, "__kwdefaults__", options), f"{writers} refresh"),
-            (mock.patch.dict(json.dumps.__kwdefaults__, options), f"{writers} refresh"),
-            (put(json.JSONEncoder, "encode", lambda _self, _value: "own"), f"{writers} refresh"),
             (put(repository_wiki, "json", own), "search refresh"),
             (mock.patch.dict(sys.modules, json=own), writers),
             (put(builtins, "__import__", import_own), writers),
