@@ -38,6 +38,8 @@ function(add_python_extension name)
     LIBRARY_OUTPUT_DIRECTORY "${TESSALY_EXTENSION_DIR}"
     INTERPROCEDURAL_OPTIMIZATION "$<NOT:$<BOOL:${TESSALY_SANITIZE}>>")
   if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
-    target_link_options(${name} PRIVATE -Wl,--exclude-libs,ALL)
+    target_link_options(${name} PRIVATE
+      -Wl,--exclude-libs,ALL
+      -Wl,--wrap=__gxx_personality_v0)  # see storage/python/forced_unwind.cpp
   endif()
 endfunction()

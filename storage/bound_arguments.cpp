@@ -89,9 +89,8 @@ bool BoundArguments::fill_keyword_defaults(const Signature& signature) {
 /// Lets the interpreter bind: the function returns its locals, or raises the error that is due.
 void BoundArguments::bind_by_function(const Signature& signature, PyObject* const* passed,
                                       std::size_t flags_and_count, PyObject* keyword_names) {
-  const Owned bound = Owned::steal(py::in_interpreter([&] {
-    return PyObject_Vectorcall(signature.function, passed, flags_and_count, keyword_names);
-  }));
+  const Owned bound =
+      Owned::steal(PyObject_Vectorcall(signature.function, passed, flags_and_count, keyword_names));
   for (std::size_t i = 0; i < signature.parameters; ++i)
     values_[i] = owned_.push(py::item(bound, py::Handle(name_at(signature, i)))).ptr();
 }

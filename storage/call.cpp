@@ -14,12 +14,10 @@ Owned Call::import_json(py::Where where) const {
     py::throw_error_set(where);
   }
   if (py::Handle(*import).is(state_.genuine_import))
-    return Owned::steal(py::in_interpreter([&] {
-                          return PyImport_ImportModuleLevelObject(names().json.ptr(),
-                                                                  state_.globals.module_namespace(),
-                                                                  Py_None, Py_None, 0);
-                        }),
-                        where);
+    return Owned::steal(
+        PyImport_ImportModuleLevelObject(names().json.ptr(), state_.globals.module_namespace(),
+                                         Py_None, Py_None, 0),
+        where);
   const Owned level = py::integer(0);
   return py::call(py::Target(*import, where), names().json,
                   py::Handle(state_.globals.module_namespace()), py::Handle(Py_None),

@@ -79,7 +79,8 @@ class HandlingScope {
   HandlingScope& operator=(const HandlingScope&) = delete;
   ~HandlingScope() {
     // Whoever ran meanwhile may have cleared it.
-    if (PyObject* handled = std::exchange(item_->exc_value, outer_)) py::drop_reference(handled);
+    if (PyObject* handled = std::exchange(item_->exc_value, outer_))
+      py::drop(Owned::steal(handled));
   }
 
  private:

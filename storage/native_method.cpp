@@ -110,9 +110,7 @@ PyObject* get_attribute(PyObject* self, void* name) {
     PyErr_SetString(PyExc_AttributeError, static_cast<const char*>(name));
     return nullptr;
   }
-  return py::in_interpreter([&] {
-    return PyObject_GetAttrString(method.signature.ptr(), static_cast<const char*>(name));
-  });
+  return PyObject_GetAttrString(method.signature.ptr(), static_cast<const char*>(name));
 }
 
 int set_attribute(PyObject* self, PyObject* value, void* name) {

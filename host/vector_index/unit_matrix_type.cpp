@@ -39,9 +39,7 @@ class WithoutInterpreter {
   WithoutInterpreter() noexcept : state_(PyEval_SaveThread()) {}
   WithoutInterpreter(const WithoutInterpreter&) = delete;
   WithoutInterpreter& operator=(const WithoutInterpreter&) = delete;
-  ~WithoutInterpreter() {
-    py::in_interpreter([this] { PyEval_RestoreThread(state_); });
-  }
+  ~WithoutInterpreter() { PyEval_RestoreThread(state_); }
 
  private:
   PyThreadState* state_;

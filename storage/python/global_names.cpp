@@ -8,7 +8,7 @@ namespace {
 
 std::optional<Owned> dict_get(PyObject* dict, Handle name, Where where) {
   PyObject* value = nullptr;
-  const int status = in_interpreter([&] { return PyDict_GetItemRef(dict, name.ptr(), &value); });
+  const int status = PyDict_GetItemRef(dict, name.ptr(), &value);
   return found(status, value, where);
 }
 

@@ -3,7 +3,7 @@
 namespace tessaly::py {
 
 void unpack_into(Target target, Py_ssize_t expected, std::optional<Owned>* items) {
-  PyObject* raw = in_interpreter([&] { return PyObject_GetIter(target.ptr()); });
+  PyObject* raw = PyObject_GetIter(target.ptr());
   if (raw == nullptr) {
     const bool iterable = Py_TYPE(target.ptr())->tp_iter || PySequence_Check(target.ptr());
     if (!iterable && PyErr_ExceptionMatches(PyExc_TypeError))
@@ -33,17 +33,14 @@ SpecialMethod::SpecialMethod(Target object, Owned attribute) : method_(std::move
   bound_ = true;
   if (kind->tp_descr_get == nullptr) return;
   PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(object.ptr()));
-  method_ = Owned::steal(
-      in_interpreter([&] { return kind->tp_descr_get(method_.ptr(), object.ptr(), type); }),
-      object.where);
+  method_ = Owned::steal(kind->tp_descr_get(method_.ptr(), object.ptr(), type), object.where);
 }
 
 namespace {
 
 std::optional<Owned> dict_get(Target dict, Handle key) {
   PyObject* value = nullptr;
-  const int status =
-      in_interpreter([&] { return PyDict_GetItemRef(dict.ptr(), key.ptr(), &value); });
+  const int status = PyDict_GetItemRef(dict.ptr(), key.ptr(), &value);
   return found(status, value, dict.where);
 }
 
@@ -62,17 +59,14 @@ Owned mapping_get(Target mapping, Handle get, Handle key, Handle fallback) {
 }
 
 void mapping_set(Target mapping, Handle key, Handle value) {
-  checked(in_interpreter([&] { return PyObject_SetItem(mapping.ptr(), key.ptr(), value.ptr()); }),
-          mapping.where);
+  checked(PyObject_SetItem(mapping.ptr(), key.ptr(), value.ptr()), mapping.where);
 }
 
-void SortedSet::add(Target item) {
-  checked(in_interpreter([&] { return PySet_Add(set_.ptr(), item.ptr()); }), item.where);
-}
+void SortedSet::add(Target item) { checked(PySet_Add(set_.ptr(), item.ptr()), item.where); }
 
 Owned SortedSet::sorted(Where where) const {
   Owned list = Owned::steal(PySequence_List(set_.ptr()), where);
-  checked(in_interpreter([&] { return PyList_Sort(list.ptr()); }), where);
+  checked(PyList_Sort(list.ptr()), where);
   return list;
 }
 

@@ -30,20 +30,17 @@ struct Target {
 };
 
 inline Owned attribute(Target target, Handle name) {
-  return Owned::steal(in_interpreter([&] { return PyObject_GetAttr(target.ptr(), name.ptr()); }),
-                      target.where);
+  return Owned::steal(PyObject_GetAttr(target.ptr(), name.ptr()), target.where);
 }
 
 /// `PyObject_Vectorcall` without keywords; a Python function, which has its entry in itself, is
 /// entered straight.
 inline PyObject* vectorcall(PyObject* callable, PyObject* const* arguments,
                             std::size_t flags_and_count) {
-  return in_interpreter([&] {
-    if (PyFunction_Check(callable))
-      return reinterpret_cast<PyFunctionObject*>(callable)->vectorcall(callable, arguments,
-                                                                       flags_and_count, nullptr);
-    return PyObject_Vectorcall(callable, arguments, flags_and_count, nullptr);
-  });
+  if (PyFunction_Check(callable))
+    return reinterpret_cast<PyFunctionObject*>(callable)->vectorcall(callable, arguments,
+                                                                     flags_and_count, nullptr);
+  return PyObject_Vectorcall(callable, arguments, flags_and_count, nullptr);
 }
 
 /// `target(arguments...)`.
@@ -62,10 +59,7 @@ Owned call_method(Target target, Handle name, const Arguments&... arguments) {
   PyObject* stack[] = {nullptr, target.ptr(), Handle(arguments).ptr()...};
   constexpr std::size_t kFlagsAndCount =
       (1 + sizeof...(Arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET;
-  return Owned::steal(in_interpreter([&] {
-                        return PyObject_VectorcallMethod(name.ptr(), stack + 1, kFlagsAndCount,
-                                                         nullptr);
-                      }),
+  return Owned::steal(PyObject_VectorcallMethod(name.ptr(), stack + 1, kFlagsAndCount, nullptr),
                       target.where);
 }
 
@@ -74,19 +68,17 @@ inline bool truth(Target target) {
   if (PyTuple_CheckExact(target.ptr())) return PyTuple_GET_SIZE(target.ptr()) != 0;
   if (PyUnicode_CheckExact(target.ptr())) return PyUnicode_GET_LENGTH(target.ptr()) != 0;
   if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr()) != 0;
-  return checked(in_interpreter([&] { return PyObject_IsTrue(target.ptr()); }), target.where) != 0;
+  return checked(PyObject_IsTrue(target.ptr()), target.where) != 0;
 }
 
 inline Py_ssize_t length(Target target) {
   if (PyList_CheckExact(target.ptr())) return PyList_GET_SIZE(target.ptr());
-  return checked_size(in_interpreter([&] { return PyObject_Size(target.ptr()); }), target.where);
+  return checked_size(PyObject_Size(target.ptr()), target.where);
 }
 
 /// `left OP right`, OP one of Py_EQ, Py_NE, ...
 inline Owned rich_compare(Target left, Handle right, int operation) {
-  return Owned::steal(
-      in_interpreter([&] { return PyObject_RichCompare(left.ptr(), right.ptr(), operation); }),
-      left.where);
+  return Owned::steal(PyObject_RichCompare(left.ptr(), right.ptr(), operation), left.where);
 }
 
 /// `bool(left OP right)`.
@@ -104,19 +96,18 @@ inline Owned integer(Py_ssize_t value, Where where = Where::current()) {
 /// `int(target)`, the object itself when it is an exact int.
 inline Owned to_int(Target target) {
   if (PyLong_CheckExact(target.ptr())) return Owned::borrow(target.object);
-  return Owned::steal(in_interpreter([&] { return PyNumber_Long(target.ptr()); }), target.where);
+  return Owned::steal(PyNumber_Long(target.ptr()), target.where);
 }
 
 /// `str(target)`, the object itself when it is an exact str.
 inline Owned to_str(Target target) {
   if (PyUnicode_CheckExact(target.ptr())) return Owned::borrow(target.object);
-  return Owned::steal(in_interpreter([&] { return PyObject_Str(target.ptr()); }), target.where);
+  return Owned::steal(PyObject_Str(target.ptr()), target.where);
 }
 
 /// `target[key]`.
 inline Owned item(Target target, Handle key) {
-  return Owned::steal(in_interpreter([&] { return PyObject_GetItem(target.ptr(), key.ptr()); }),
-                      target.where);
+  return Owned::steal(PyObject_GetItem(target.ptr(), key.ptr()), target.where);
 }
 
 /// `target[position]`, position not negative.
@@ -145,12 +136,12 @@ Owned tuple(Items&&... items) {
 
 /// `iter(target)`.
 inline Owned iterator(Target target) {
-  return Owned::steal(in_interpreter([&] { return PyObject_GetIter(target.ptr()); }), target.where);
+  return Owned::steal(PyObject_GetIter(target.ptr()), target.where);
 }
 
 /// `next(iterator)`, or nothing at its end.
 inline std::optional<Owned> next(Target iterator) {
-  PyObject* item = in_interpreter([&] { return PyIter_Next(iterator.ptr()); });
+  PyObject* item = PyIter_Next(iterator.ptr());
   if (item != nullptr) return Owned::steal(item);
   if (PyErr_Occurred()) throw_error_set(iterator.where);
   return std::nullopt;

@@ -7,23 +7,11 @@
 #include <utility>
 
 #include "python/error.h"
-#include "python/interpreter.h"
 
 namespace tessaly::py {
 
 class Owned;
 class Member;
-
-/// Drops a reference, which may run Python code if it is the last.
-[[gnu::noinline]] inline void drop_last_reference(PyObject* object) noexcept {
-  in_interpreter([object] { Py_DECREF(object); });
-}
-inline void drop_reference(PyObject* object) noexcept {
-  if (Py_REFCNT(object) > 1)
-    Py_DECREF(object);
-  else
-    drop_last_reference(object);
-}
 
 /// A borrowed object, never null: the way an object is passed down. Whoever made the Handle keeps
 /// the object alive for the length of the call; nothing that outlives the call may hold one.
@@ -64,9 +52,7 @@ class [[nodiscard]] Owned {
   }
   Owned(const Owned&) = delete;
   Owned& operator=(const Owned&) = delete;
-  ~Owned() {
-    if (object_ != nullptr) drop_reference(object_);
-  }
+  ~Owned() { Py_XDECREF(object_); }
 
   [[nodiscard]] PyObject* ptr() const noexcept { return object_; }
   [[nodiscard]] PyObject* release() noexcept { return std::exchange(object_, nullptr); }
@@ -113,11 +99,10 @@ class Member {
   ~Member() { clear(); }
 
   void set(Owned value) noexcept {
-    if (PyObject* old = std::exchange(object_, value.release())) drop_reference(old);
+    PyObject* old = std::exchange(object_, value.release());
+    Py_XDECREF(old);
   }
-  void clear() noexcept {
-    if (PyObject* old = std::exchange(object_, nullptr)) drop_reference(old);
-  }
+  void clear() noexcept { Py_CLEAR(object_); }
   /// Leaves it empty. It must not be so before.
   [[nodiscard]] Owned take() noexcept { return Owned::steal(std::exchange(object_, nullptr)); }
   [[nodiscard]] int traverse(visitproc visit, void* arg) const {
@@ -145,7 +130,7 @@ class OwnedStack {
   OwnedStack(const OwnedStack&) = delete;
   OwnedStack& operator=(const OwnedStack&) = delete;
   ~OwnedStack() {
-    while (size_ > 0) drop_reference(objects_[--size_]);
+    while (size_ > 0) Py_DECREF(objects_[--size_]);
   }
   /// The caller sees to it that no more than `Capacity` are pushed.
   Handle push(Owned owned) noexcept { return objects_[size_++] = owned.release(); }

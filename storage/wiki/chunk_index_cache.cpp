@@ -21,7 +21,7 @@ Owned wiki_chunk_indexes(const Call& call) {
 Owned invalidate_wiki_chunk_index(const Call& call) {
   const Owned indexes = py::call_method(call.self(), call.names().wiki_chunk_indexes);
   if (PyDict_CheckExact(indexes.ptr()))
-    py::in_interpreter([&] { PyDict_Clear(indexes.ptr()); });
+    PyDict_Clear(indexes.ptr());
   else
     py::drop(py::call_method(indexes, call.names().dict_clear));
   return Owned::none();
@@ -31,9 +31,7 @@ namespace {
 
 void pop(const Call& call, py::Target indexes, Handle branch) {
   if (PyDict_CheckExact(indexes.ptr()))
-    py::checked(
-        py::in_interpreter([&] { return PyDict_Pop(indexes.ptr(), branch.ptr(), nullptr); }),
-        indexes.where);
+    py::checked(PyDict_Pop(indexes.ptr(), branch.ptr(), nullptr), indexes.where);
   else
     py::drop(py::call_method(indexes, call.names().pop, branch, Handle(Py_None)));
 }
@@ -107,10 +105,9 @@ Owned wiki_chunk_index(const Call& call, Handle branch) {
   const Owned make = call.global(names.WikiChunkIndex);
   PyObject* fields[] = {nullptr,     generation.ptr(), dimension.ptr(),
                         index.ptr(), chunks.ptr(),     words.ptr()};
-  Owned built = Owned::steal(py::in_interpreter([&] {
-    return PyObject_Vectorcall(make.ptr(), fields + 1, 0 | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                               call.state().chunk_index_keywords.ptr());
-  }));
+  Owned built =
+      Owned::steal(PyObject_Vectorcall(make.ptr(), fields + 1, 0 | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                       call.state().chunk_index_keywords.ptr()));
   py::mapping_set(indexes, branch, built);
   return built;
 }

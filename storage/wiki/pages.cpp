@@ -37,8 +37,7 @@ Owned page_statement(const Call& call, const StatementShape& shape, Py_ssize_t m
                      py::Where where = py::Where::current()) {
   Owned columns = call.global(call.names().WIKI_PAGE_COLUMNS, where);
   if (!PyUnicode_CheckExact(columns.ptr())) {
-    const Owned formatted = Owned::steal(
-        py::in_interpreter([&] { return PyObject_Format(columns.ptr(), nullptr); }), where);
+    const Owned formatted = Owned::steal(PyObject_Format(columns.ptr(), nullptr), where);
     columns = Owned::steal(PyUnicode_FromObject(formatted.ptr()), where);
   }
   return call.state().statements.get(shape, columns.ptr(), marks);
