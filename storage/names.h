@@ -28,7 +28,6 @@
   X(replace, "replace")                                       \
   X(dumps, "dumps")                                           \
   X(loads, "loads")                                           \
-  X(getLogger, "getLogger")                                   \
   /* mappings, and the chunk index cache */                   \
   X(get, "get")                                               \
   X(pop, "pop")                                               \
@@ -39,11 +38,7 @@
   X(wiki_chunk_index, "_wiki_chunk_index")                    \
   /* the module's own namespace, and builtins */              \
   X(json, "json")                                             \
-  X(logging, "logging")                                       \
   X(logger, "logger")                                         \
-  X(Callable, "Callable")                                     \
-  X(Sequence, "Sequence")                                     \
-  X(Any, "Any")                                               \
   X(Database, "Database")                                     \
   X(stored_vectors, "stored_vectors")                         \
   X(EmbeddingIndex, "EmbeddingIndex")                         \
@@ -80,7 +75,6 @@
   X(page_count, "page_count")                                 \
   X(manifest_hash, "manifest_hash")                           \
   /* classes and errors */                                    \
-  X(name, "name")                                             \
   X(dunder_name, "__name__")                                  \
   X(dunder_module, "__module__")                              \
   X(dunder_doc, "__doc__")                                    \

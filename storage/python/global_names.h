@@ -55,7 +55,6 @@ class GlobalNames {
   [[nodiscard]] std::optional<Owned> builtin(Handle name, Where where) const;
 
   [[nodiscard]] PyObject* module_namespace() const noexcept { return module_.ptr(); }
-  [[nodiscard]] PyObject* builtins() const noexcept { return builtins_.ptr(); }
   [[nodiscard]] int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 

@@ -85,7 +85,6 @@ void GenuineJsonFunction::clear() noexcept {
 }
 
 void Json::capture(Handle module) {
-  module_.set(Owned::borrow(module));
   dumps_.capture(module, "dumps", "_default_encoder");
   loads_.capture(module, "loads", "_default_decoder");
 }
@@ -103,13 +102,11 @@ Owned Json::loads(Target function, Handle text) {
 }
 
 int Json::traverse(visitproc visit, void* arg) const {
-  if (const int status = module_.traverse(visit, arg)) return status;
   if (const int status = dumps_.traverse(visit, arg)) return status;
   return loads_.traverse(visit, arg);
 }
 
 void Json::clear() noexcept {
-  module_.clear();
   dumps_.clear();
   loads_.clear();
   keys_.clear();

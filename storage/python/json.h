@@ -75,12 +75,10 @@ class Json {
   Owned dumps(Target function, Handle value);
   Owned loads(Target function, Handle text);
 
-  [[nodiscard]] Handle module() const noexcept { return module_.ptr(); }
   [[nodiscard]] int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 
  private:
-  Member module_;
   GenuineJsonFunction dumps_;
   GenuineJsonFunction loads_;
   json::KeyCache keys_;

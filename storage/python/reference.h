@@ -42,7 +42,6 @@ class [[nodiscard]] Owned {
   /// Makes a reference of its own beside the one it is shown.
   static Owned borrow(Handle handle) noexcept { return Owned(Py_NewRef(handle.ptr())); }
   static Owned none() noexcept { return Owned(Py_NewRef(Py_None)); }
-  static Owned boolean(bool value) noexcept { return Owned(Py_NewRef(value ? Py_True : Py_False)); }
 
   Owned(Owned&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   Owned& operator=(Owned&& other) noexcept {
