@@ -40,6 +40,6 @@ function(add_python_extension name)
   if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_link_options(${name} PRIVATE
       -Wl,--exclude-libs,ALL
-      -Wl,--wrap=__gxx_personality_v0)  # see storage/python/forced_unwind.cpp
+      -Wl,--wrap=__gxx_personality_v0)  # see python/py/forced_unwind.cpp
   endif()
 endfunction()

@@ -1,7 +1,7 @@
 #include "call.h"
 
-#include "python/rounding.h"
-#include "python/traceback.h"
+#include "py/rounding.h"
+#include "py/traceback.h"
 
 namespace tessaly {
 

@@ -3,7 +3,7 @@
 #include <Python.h>
 
 #include "module_state.h"
-#include "python/objects.h"
+#include "py/objects.h"
 
 namespace tessaly {
 

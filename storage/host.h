@@ -3,7 +3,7 @@
 #include <Python.h>
 
 #include "call.h"
-#include "python/objects.h"
+#include "py/objects.h"
 
 /// How the host's objects are called: the only code that knows. Statements come as str objects,
 /// parameters as tuples. Every function here runs the host's Python code, which may do anything to

@@ -3,10 +3,10 @@
 #include <Python.h>
 
 #include "names.h"
-#include "python/global_names.h"
-#include "python/json.h"
-#include "python/texts.h"
-#include "python/tuple_pool.h"
+#include "py/global_names.h"
+#include "py/json.h"
+#include "py/texts.h"
+#include "py/tuple_pool.h"
 #include "statement_cache.h"
 
 namespace tessaly {

@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 /// Every name that the module looks up or passes by keyword, once: the members of Names, their
 /// creation and their end are all made from this list. X(member, text).

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "bound_arguments.h"
-#include "python/heap_type.h"
+#include "py/heap_type.h"
 
 namespace tessaly {
 

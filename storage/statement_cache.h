@@ -4,8 +4,8 @@
 
 #include <array>
 
-#include "python/reference.h"
-#include "python/texts.h"
+#include "py/reference.h"
+#include "py/texts.h"
 
 namespace tessaly {
 

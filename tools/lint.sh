@@ -33,8 +33,8 @@ rule() {
 }
 # shellcheck disable=SC2086
 {
-    rule 'Py_(X?DECREF|CLEAR|SETREF)\(' 'references are counted in storage/python/reference.h alone' \
-        $(printf '%s\n' $cpp | grep -v '^storage/python/reference\.h$')
+    rule 'Py_(X?DECREF|CLEAR|SETREF)\(' 'references are counted in python/py/reference.h alone' \
+        $(printf '%s\n' $cpp | grep -v '^python/py/reference\.h$')
     rule '^(static |inline |thread_local )*(PyObject|PyTypeObject)\>[^()]*[=;{]' \
         'no Python object at namespace scope: state hangs on the module' $cpp
     rule 'static (PyObject|PyTypeObject)' 'no static Python object: state hangs on the module' $cpp
@@ -45,7 +45,7 @@ rule() {
 # python/ knows nothing of wikis, and only the host layer knows how the host is called.
 # shellcheck disable=SC2046
 rule '#include "(wiki|host|call|module_state|names)' 'python/ is below everything else' \
-    $(git ls-files 'storage/python/*')
+    $(git ls-files 'python/*')
 
 [ $failed = 0 ] && echo "lint: nothing to complain of"
 exit $failed

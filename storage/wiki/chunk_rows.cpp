@@ -1,6 +1,6 @@
 #include "wiki/chunk_rows.h"
 
-#include "python/heap_type.h"
+#include "py/heap_type.h"
 
 namespace tessaly::wiki {
 

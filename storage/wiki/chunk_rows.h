@@ -1,7 +1,7 @@
 #pragma once
 
 #include "module_state.h"
-#include "python/objects.h"
+#include "py/objects.h"
 
 /// The lazy sequence of chunk rows that the host's word index is built from.
 namespace tessaly::wiki {

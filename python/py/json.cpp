@@ -1,4 +1,4 @@
-#include "python/json.h"
+#include "py/json.h"
 
 namespace tessaly::py {
 

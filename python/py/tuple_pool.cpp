@@ -1,4 +1,4 @@
-#include "python/tuple_pool.h"
+#include "py/tuple_pool.h"
 
 namespace tessaly::py {
 

@@ -2,9 +2,9 @@
 
 #include <Python.h>
 
-#include "python/global_names.h"
-#include "python/objects.h"
-#include "python/reference.h"
+#include "py/global_names.h"
+#include "py/objects.h"
+#include "py/reference.h"
 
 /// `json.dumps(value)` and `json.loads(text)` without the detour through the Python functions, as
 /// long as the outcome is certain to be the same. `encode` and `decode` decline (nothing, no error

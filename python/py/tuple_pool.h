@@ -4,8 +4,8 @@
 
 #include <array>
 
-#include "python/objects.h"
-#include "python/reference.h"
+#include "py/objects.h"
+#include "py/reference.h"
 
 namespace tessaly::py {
 

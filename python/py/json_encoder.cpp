@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "python/json.h"
+#include "py/json.h"
 
 namespace tessaly::py::json {
 

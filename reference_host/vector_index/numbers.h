@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 namespace tessaly::vectors {
 

@@ -8,8 +8,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "python/error.h"
-#include "python/reference.h"
+#include "py/error.h"
+#include "py/reference.h"
 
 /// Operations on objects, named as in Python and behaving as there. Unless it says otherwise, every
 /// one may run arbitrary Python code and throws ErrorSet on failure.

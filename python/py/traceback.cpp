@@ -1,8 +1,8 @@
-#include "python/traceback.h"
+#include "py/traceback.h"
 
 #include <frameobject.h>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 namespace tessaly::py {
 

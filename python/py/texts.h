@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 namespace tessaly::py {
 

@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-#include "python/error.h"
+#include "py/error.h"
 
 namespace tessaly::py {
 

@@ -1,4 +1,4 @@
-#include "python/objects.h"
+#include "py/objects.h"
 
 namespace tessaly::py {
 

@@ -2,7 +2,7 @@
 #include <cstring>
 #include <vector>
 
-#include "python/json.h"
+#include "py/json.h"
 
 namespace tessaly::py::json {
 

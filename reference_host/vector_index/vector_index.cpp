@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "python/error.h"
+#include "py/error.h"
 #include "unit_matrix_type.h"
 
 namespace {

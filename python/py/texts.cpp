@@ -1,4 +1,4 @@
-#include "python/texts.h"
+#include "py/texts.h"
 
 namespace tessaly::py {
 

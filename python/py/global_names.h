@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 namespace tessaly::py {
 

@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 /// What the slot tables of types that are made at run time have in common.
 namespace tessaly::py {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "python/error.h"
+#include "py/error.h"
 
 namespace tessaly::py {
 

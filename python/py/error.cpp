@@ -1,4 +1,4 @@
-#include "python/error.h"
+#include "py/error.h"
 
 #include <exception>
 #include <new>

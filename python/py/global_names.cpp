@@ -1,6 +1,6 @@
-#include "python/global_names.h"
+#include "py/global_names.h"
 
-#include "python/objects.h"
+#include "py/objects.h"
 
 namespace tessaly::py {
 

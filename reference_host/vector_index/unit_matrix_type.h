@@ -2,7 +2,7 @@
 
 #include <Python.h>
 
-#include "python/reference.h"
+#include "py/reference.h"
 
 namespace tessaly::vectors {
 
