@@ -62,8 +62,7 @@ class PlainWikiStore:
 
         with self.db.transaction() as cursor:
             cursor.execute(
-                """
-                INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
+                """INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
                     parent_section, rel_path, source_files, source_hashes, symbols,
                     related_pages, citations, content_hash, model, status, summary, build_cache,
                     page_type, generated_at)
@@ -77,8 +76,7 @@ class PlainWikiStore:
                     citations=excluded.citations, content_hash=excluded.content_hash,
                     model=excluded.model, status=excluded.status, summary=excluded.summary,
                     build_cache=excluded.build_cache, page_type=excluded.page_type,
-                    generated_at=datetime('now')
-                """,
+                    generated_at=datetime('now')""",
                 (
                     branch,
                     page_id,
@@ -115,11 +113,9 @@ class PlainWikiStore:
             cursor.execute("DELETE FROM wiki_chunks WHERE page_fk = ?", (page_fk,))
             for chunk in chunks:
                 cursor.execute(
-                    """
-                    INSERT INTO wiki_chunks (page_fk, branch, anchor, heading, content, citations,
+                    """INSERT INTO wiki_chunks (page_fk, branch, anchor, heading, content, citations,
                         embedding, model_name, token_count)
-                    VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)
-                    """,
+                    VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)""",
                     (
                         page_fk,
                         branch,
@@ -355,15 +351,13 @@ class PlainWikiStore:
     ) -> None:
         with self.db.transaction() as cursor:
             cursor.execute(
-                """
-                INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build,
+                """INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build,
                     model, page_count, manifest_hash)
                 VALUES (?, ?, ?, ?, ?, ?, ?)
                 ON CONFLICT(branch) DO UPDATE SET
                     last_built_at=excluded.last_built_at, last_commit=excluded.last_commit,
                     changed_since_build=excluded.changed_since_build, model=excluded.model,
-                    page_count=excluded.page_count, manifest_hash=excluded.manifest_hash
-                """,
+                    page_count=excluded.page_count, manifest_hash=excluded.manifest_hash""",
                 (
                     branch,
                     last_built_at,
@@ -378,11 +372,9 @@ class PlainWikiStore:
     def bump_wiki_changed(self, branch: str, count: int) -> int:
         with self.db.transaction() as cursor:
             cursor.execute(
-                """
-                INSERT INTO wiki_state (branch, changed_since_build) VALUES (?, ?)
+                """INSERT INTO wiki_state (branch, changed_since_build) VALUES (?, ?)
                 ON CONFLICT(branch) DO UPDATE SET
-                    changed_since_build = changed_since_build + excluded.changed_since_build
-                """,
+                    changed_since_build = changed_since_build + excluded.changed_since_build""",
                 (branch, count),
             )
             row = cursor.execute(

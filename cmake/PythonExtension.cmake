@@ -38,8 +38,11 @@ function(add_python_extension name)
     LIBRARY_OUTPUT_DIRECTORY "${TESSALY_EXTENSION_DIR}"
     INTERPROCEDURAL_OPTIMIZATION "$<NOT:$<BOOL:${TESSALY_SANITIZE}>>")
   if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    # What the standard library's headers instantiate would be visible from outside otherwise.
+    set(exports "${CMAKE_CURRENT_BINARY_DIR}/${name}.map")
+    file(CONFIGURE OUTPUT "${exports}" CONTENT "{ global: PyInit_${name}; local: *; };\n")
     target_link_options(${name} PRIVATE
-      -Wl,--exclude-libs,ALL
+      "-Wl,--version-script=${exports}"
       -Wl,--wrap=__gxx_personality_v0)  # see python/py/forced_unwind.cpp
   endif()
 endfunction()

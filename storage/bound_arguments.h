@@ -3,42 +3,39 @@
 #include <Python.h>
 
 #include <array>
+#include <cstdint>
 
-#include "native_method.h"
+#include "py/containers.h"
 
 namespace tessaly {
 
-/// The arguments of one call, one for each parameter in the order of the signature. Those that the
-/// caller passed are borrowed from it for the length of the call; all others are owned here.
+inline constexpr std::size_t kMostParameters = 20;
+
+/// The arguments of one ordinary call, one for each parameter in the order of the signature. Those
+/// that the caller passed are borrowed from it for the length of the call; defaults are owned here.
 class BoundArguments {
  public:
-  /// What binding needs to know of a method: the function that holds its signature, and that
-  /// function's parameter names (a tuple of interned str, positional parameters first).
-  struct Signature {
-    PyObject* function;
-    PyObject* names;
-    std::size_t positional;
-    std::size_t parameters;
-  };
+  BoundArguments() noexcept = default;
+  BoundArguments(const BoundArguments&) = delete;
+  BoundArguments& operator=(const BoundArguments&) = delete;
+  ~BoundArguments();
 
-  /// Binds as the interpreter would for the signature's function, defaults included. Throws what a
-  /// call of that function raises.
-  BoundArguments(const Signature& signature, PyObject* const* passed, std::size_t flags_and_count,
-                 PyObject* keyword_names);
+  /// Binds as a call of `function` would, whose parameters have these names (a tuple of interned
+  /// str) and of which so many may be positional. False for every call that is out of the ordinary,
+  /// the wrong ones among them: the interpreter knows what to say of those.
+  bool bind(PyObject* function, PyObject* names, std::size_t positional, PyObject* const* passed,
+            std::size_t count, PyObject* keyword_names);
 
   [[nodiscard]] PyObject* const* data() const noexcept { return values_.data(); }
 
  private:
-  bool bind_quickly(const Signature& signature, PyObject* const* passed, std::size_t count,
-                    PyObject* keyword_names);
-  bool place_keywords(const Signature& signature, PyObject* const* values, PyObject* keyword_names);
-  bool fill_defaults(const Signature& signature);
-  bool fill_keyword_defaults(const Signature& signature);
-  void bind_by_function(const Signature& signature, PyObject* const* passed,
-                        std::size_t flags_and_count, PyObject* keyword_names);
+  bool place_keywords(PyObject* names, PyObject* const* values, PyObject* keyword_names);
+  bool fill_defaults(PyObject* function, std::size_t positional);
+  bool fill_keyword_defaults(PyObject* function, PyObject* names, std::size_t positional);
+  void own(std::size_t position, py::Owned value) noexcept;
 
   std::array<PyObject*, kMostParameters> values_{};
-  py::OwnedStack<2 * kMostParameters> owned_;  // room for both ways of binding, one after the other
+  std::uint32_t owned_ = 0;  // a bit for each
 };
 
 }  // namespace tessaly

@@ -7,34 +7,21 @@ namespace tessaly {
 
 using py::Owned;
 
-Owned Call::import_json(py::Where where) const {
-  const std::optional<Owned> import = state_.globals.builtin(names().dunder_import, where);
-  if (!import) {
-    PyErr_SetString(PyExc_ImportError, "__import__ not found");
-    py::throw_error_set(where);
-  }
-  if (py::Handle(*import).is(state_.genuine_import))
-    return Owned::steal(
-        PyImport_ImportModuleLevelObject(names().json.ptr(), state_.globals.module_namespace(),
-                                         Py_None, Py_None, 0),
-        where);
-  const Owned level = py::integer(0);
-  return py::call(py::Target(*import, where), names().json,
-                  py::Handle(state_.globals.module_namespace()), py::Handle(Py_None),
-                  py::Handle(Py_None), level);
+Owned Call::import_json() const {
+  const std::optional<Owned> import = py::dict_get(state_.globals.builtins, names().dunder_import);
+  if (!import) py::raise(PyExc_ImportError, "__import__ not found");
+  return py::call(*import, names().json, state_.globals.names, py::none(), py::none(),
+                  py::integer(0));
 }
 
-Owned Call::round_to_4_digits(py::Target value) const {
-  const Owned round = global(names().round, value.where);
-  if (py::Handle(round).is(state_.genuine_round) && PyFloat_CheckExact(value.ptr()))
+Owned Call::round_to_4_digits(py::Handle value) const {
+  const Owned round = global(names().round);
+  if (PyFloat_CheckExact(value.ptr()) && py::is_builtin(round, "round", state_.globals.builtins))
     if (const auto rounded = py::round_to_4_digits(PyFloat_AS_DOUBLE(value.ptr())))
-      return Owned::steal(PyFloat_FromDouble(*rounded), value.where);
-  const Owned digits = py::integer(4);
-  return py::call(py::Target(round, value.where), value.object, digits);
+      return Owned::steal(PyFloat_FromDouble(*rounded));
+  return py::call(round, value, py::integer(4));
 }
 
-void Call::trace(py::Where where) const noexcept {
-  py::add_traceback(method_, where, state_.globals.module_namespace());
-}
+void Call::trace() const noexcept { py::add_traceback(method_.code, state_.globals.names); }
 
 }  // namespace tessaly

@@ -3,7 +3,7 @@
 #include <Python.h>
 
 #include "module_state.h"
-#include "py/objects.h"
+#include "py/containers.h"
 
 namespace tessaly {
 
@@ -11,40 +11,41 @@ namespace tessaly {
 /// here, and the arguments, live as long as the call does.
 class Call {
  public:
-  Call(ModuleState& state, const char* method, py::Handle self)
+  Call(ModuleState& state, const ModuleState::Method& method, py::Handle self)
       : state_(state), method_(method), self_(self) {}
 
-  [[nodiscard]] ModuleState& state() const noexcept { return state_; }
   [[nodiscard]] const Names& names() const noexcept { return state_.names; }
   [[nodiscard]] py::Handle self() const noexcept { return self_; }
 
-  /// The module object's str of a constant text.
+  /// The module object's str of a constant text, and of one put together with `columns` (a str or
+  /// None) and so many placeholders.
   [[nodiscard]] py::Handle text(const py::Text& text) const { return state_.texts.get(text); }
-
-  /// The parameters of a statement: a tuple for the length of one call.
-  template <typename... Items>
-  [[nodiscard]] py::LeasedTuple parameters(Items&&... items) const {
-    return state_.tuples.lease(std::forward<Items>(items)...);
+  [[nodiscard]] py::Owned text(const py::Text& text, py::Handle columns, std::size_t marks) const {
+    return state_.texts.get(text, columns, marks);
   }
 
   /// The value of a name of the module as a function would read it: from the module's namespace,
   /// else from the builtins, else NameError.
-  [[nodiscard]] py::Owned global(py::Handle name, py::Where where = py::Where::current()) const {
-    return state_.globals.get(name, where);
-  }
+  [[nodiscard]] py::Owned global(py::Handle name) const { return state_.globals.get(name); }
 
   /// `import json`: through the interpreter's `__import__`, which may be anybody's.
-  [[nodiscard]] py::Owned import_json(py::Where where = py::Where::current()) const;
+  [[nodiscard]] py::Owned import_json() const;
+
+  [[nodiscard]] py::Json& json() const noexcept { return state_.json; }
 
   /// `round(value, 4)` with the builtin as it is now.
-  [[nodiscard]] py::Owned round_to_4_digits(py::Target value) const;
+  [[nodiscard]] py::Owned round_to_4_digits(py::Handle value) const;
 
-  /// Adds a frame of this method, at `where`, to the traceback of the error that is set.
-  void trace(py::Where where) const noexcept;
+  /// The function that makes a generator of (chunk id, heading, text) from chunk rows.
+  [[nodiscard]] py::Handle chunk_rows() const { return state_.chunk_rows; }
+
+  /// Adds this method, at the line of its row in the method table, to the traceback of the error
+  /// that is set.
+  void trace() const noexcept;
 
  private:
   ModuleState& state_;
-  const char* method_;
+  const ModuleState::Method& method_;
   py::Handle self_;
 };
 

@@ -19,7 +19,7 @@ inline constexpr char wiki_store[] =
     so a wholesale swap of the index rebuilds it in every process.
     )";
 
-inline constexpr char wiki_chunk_indexes[] =
+inline constexpr char _wiki_chunk_indexes[] =
     "The per-branch chunk indexes of this repository, created on first use.";
 
 inline constexpr char invalidate_wiki_chunk_index[] =
@@ -101,7 +101,7 @@ inline constexpr char search_wiki_chunks[] =
         ``wiki_chunk_dimension``.
         )";
 
-inline constexpr char wiki_chunk_index[] =
+inline constexpr char _wiki_chunk_index[] =
     R"(The branch's chunk index, built by one join when absent or of an older generation.
 
         Returns:

@@ -5,12 +5,9 @@
 #include <memory>
 
 #include "docstrings.h"
+#include "host/chunk_index.h"
 #include "module_state.h"
-#include "native_method.h"
-#include "wiki/build_state.h"
-#include "wiki/chunk_index_cache.h"
-#include "wiki/chunk_rows.h"
-#include "wiki/chunk_search.h"
+#include "py/source.h"
 #include "wiki_store.h"
 
 namespace tessaly {
@@ -35,47 +32,22 @@ from tessaly.storage.wiki_rows import WIKI_PAGE_COLUMNS, moved_citation, row_to_
 logger = logging.getLogger(__name__)
 )";
 
-void run_imports(const ModuleState& state) {
-  const Owned code =
-      Owned::steal(Py_CompileString(kImports, "<imports of repository_wiki>", Py_file_input));
-  py::drop(Owned::steal(PyEval_EvalCode(code.ptr(), state.globals.module_namespace(),
-                                        state.globals.module_namespace())));
-}
-
-/// The builtin function of that name, if it is still the interpreter's own.
-void capture_builtin(py::Member& member, Handle builtins, Handle name) {
-  PyObject* found = nullptr;
-  if (py::checked(PyDict_GetItemRef(builtins.ptr(), name.ptr(), &found)) == 0) return;
-  const Owned function = Owned::steal(found);
-  if (!PyCFunction_CheckExact(function.ptr())) return;
-  const Owned own_name =
-      py::attribute(function, Owned::steal(PyUnicode_FromString("__qualname__")));
-  PyObject* home = PyCFunction_GET_SELF(function.ptr());
-  if (home != nullptr && PyModule_CheckExact(home) && PyModule_GetDict(home) == builtins.ptr() &&
-      py::compare(own_name, name, Py_EQ))
-    member.set(Owned::borrow(function));
-}
-
 void create_state(ModuleState& state, Handle module) {
   state.names.create();
-  const Owned builtins = Owned::borrow(PyEval_GetBuiltins());
-  state.globals.set(Owned::borrow(PyModule_GetDict(module.ptr())), Owned::borrow(builtins));
-  capture_builtin(state.genuine_import, builtins, state.names.dunder_import);
-  capture_builtin(state.genuine_round, builtins, state.names.round);
-  state.chunk_index_keywords.set(wiki::chunk_index_keywords(state.names));
-  state.hit_record.set(py::record_layout(wiki::hit_keys(state.names)));
-  state.state_record.set(py::record_layout(wiki::state_keys(state.names)));
-  state.method_type.set(create_method_type(module));
-  state.chunk_rows_type.set(wiki::create_chunk_rows_type(module));
+  state.globals.names.set(Owned::borrow(PyModule_GetDict(module.ptr())));
+  state.globals.builtins.set(Owned::borrow(PyEval_GetBuiltins()));
+  state.chunk_rows.set(host::define_chunk_rows(state.globals.names));
 }
 
 void initialise(PyObject* module) {
   ModuleState& state = *std::construct_at(static_cast<ModuleState*>(PyModule_GetState(module)));
   create_state(state, module);
+  const Handle names = state.globals.names;
   py::checked(PyModule_SetDocString(module, doc::module));
-  run_imports(state);
-  state.json.capture(py::item(state.globals.module_namespace(), state.names.json));
+  py::run_source(kImports, "<imports of repository_wiki>", 1, names, names);
   const Owned wiki_store = create_wiki_store(state, module);
+  if (const std::optional<Owned> json = py::dict_get(names, state.names.json))
+    state.json.capture(*json);
   py::checked(PyObject_SetAttr(module, state.names.WikiStore.ptr(), wiki_store.ptr()));
 }
 
@@ -84,7 +56,7 @@ int execute(PyObject* module) noexcept {
     initialise(module);
     return 0;
   } catch (...) {
-    static_cast<void>(py::set_error_from_caught());
+    py::set_error_from_caught();
     return -1;
   }
 }

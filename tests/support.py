@@ -105,6 +105,7 @@ class HostObject:
 
     def __getattr__(self, name: str) -> Any:
         value = getattr(self._target, name)
+        self._host.seen.append(f"look up {name}")
         if name == "rowcount":
             return self._host.report(name, lambda: value)
         return functools.partial(self._host.report, name, value) if callable(value) else value
@@ -142,6 +143,7 @@ class Host:
         self.module = module
         self.database = database
         self.calls: list[Any] = []
+        self.seen: list[str] = []  # the names of the calls, with the look-ups between them
         self.act: Callable[[int, str], None] | None = None
         self.exit_saw: list[tuple[Any, ...]] = []
         self.exit_swallows = False
@@ -159,6 +161,7 @@ class Host:
 
     def before(self, name: str, *arguments: Any, **keywords: Any) -> None:
         self.calls.append((name, *map(describe, arguments), describe(keywords)))
+        self.seen.append(name)
         act, self.act = self.act, None  # what the act itself calls is only recorded
         try:
             if act is not None:
@@ -197,7 +200,7 @@ def describe(value: Any) -> Any:
     if isinstance(value, dict):
         return ("dict", *((describe(key), describe(item)) for key, item in value.items()))
     if isinstance(value, str) and "wiki_" in value:
-        return re.sub(r"(?<=\() | (?=\))", "", re.sub(r"\s+", " ", value)).strip()
+        return re.sub(r"\s+", " ", value)
     if isinstance(value, memoryview):
         return ("memoryview", *value.tolist())
     if isinstance(value, BaseException):
@@ -358,6 +361,7 @@ class Run:
             "error": describe(self.error),
             "context": describe(self.error.__context__) if self.error else None,
             "calls": self.host.calls,
+            "seen": self.host.seen,
             "cache": describe(cache) if not isinstance(cache, dict) else list(cache),
             "kept": self.kept,
             "tables": tables(self.host.database),

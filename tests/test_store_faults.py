@@ -2,14 +2,18 @@
 
 from __future__ import annotations
 
-import os
+import traceback
 import unittest
+import unittest.mock
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
 from tessaly.storage import repository_wiki as native_store
 from tests.support import CALLS_OF_THE_STORE, DatabaseTestCase, Run, tables
+
+
+TABLE = Path(__file__).parent.parent.joinpath("storage/wiki_store.h").read_text().splitlines()
 
 
 class Fault(Exception):
@@ -22,19 +26,6 @@ def raising(at: int, error: BaseException) -> Any:
             raise error
 
     return act
-
-
-def native_frames(error: BaseException) -> list[tuple[str, str, int]]:
-    """Method, file and line of each frame of a native method, outermost first."""
-    frames = []
-    traceback = error.__traceback__
-    while traceback is not None:
-        code = traceback.tb_frame.f_code
-        if code.co_filename.endswith(".cpp"):
-            path = code.co_filename.replace(os.sep, "/")
-            frames.append((code.co_name, path[path.rindex("storage/") :], traceback.tb_lineno))
-        traceback = traceback.tb_next
-    return frames
 
 
 class Faults(DatabaseTestCase):
@@ -82,15 +73,14 @@ class Faults(DatabaseTestCase):
         self.traced(run, error)
 
     def traced(self, run: Run, error: BaseException) -> None:
-        """A frame of each native method that the error went through, right above the caller's."""
-        frames = native_frames(error)
+        """An entry of each native method that the error went through, right above the caller's."""
+        entries = traceback.extract_tb(error.__traceback__)
+        native = [entry for entry in entries if entry.filename == "storage/wiki_store.h"]
         inner = ["_wiki_chunk_index"] if run.method == "search_wiki_chunks" else []
-        self.assertIn([name for name, _, _ in frames], ([run.method], [run.method, *inner]))
-        traceback = error.__traceback__.tb_next
-        self.assertEqual(traceback.tb_frame.f_code.co_name, run.method)
-        for _name, path, line in frames:
-            lines = (Path(__file__).parent.parent / path).read_text("utf-8").splitlines()
-            self.assertIn("(", lines[line - 1], f"{path}:{line} calls nothing")
+        self.assertIn([entry.name for entry in native], ([run.method], [run.method, *inner]))
+        self.assertEqual(entries[1].name, run.method)
+        for entry in native:
+            self.assertIn(f"({entry.name},", TABLE[entry.lineno - 1])
 
     def test_an_exit_that_swallows_lets_the_method_carry_on(self) -> None:
         unbound = "cannot access local variable 'removed' where it is not associated with a value"
@@ -122,10 +112,6 @@ class Faults(DatabaseTestCase):
             self.assertTrue(run.kept)
 
     def test_what_is_no_context_manager_is_refused_as_a_with_statement_does(self) -> None:
-        class Enters:
-            def __enter__(self) -> None:
-                raise AssertionError("entered, though there is no way out")
-
         class Leaves:
             def __exit__(self, *_error: object) -> None: ...
 
@@ -133,11 +119,35 @@ class Faults(DatabaseTestCase):
             __enter__ = staticmethod(lambda: None)
             __exit__ = None
 
-        for manager in (None, Enters(), Leaves(), Unbound()):
+        bump = (("bump_wiki_changed", ("b", 1), {}), False)
+        for manager in (None, Leaves(), Unbound()):
             db = type("Db", (), {"transaction": lambda _self: manager})()
-            bump = (("bump_wiki_changed", ("b", 1), {}), False)
             run = self.same_outcome(bump, prepare=lambda run: setattr(run.store, "db", db))
             self.assertIsInstance(run.error, TypeError)
+
+    def test_the_exit_is_the_one_that_the_type_has_once_the_block_is_entered(self) -> None:
+        class Enters:
+            def __enter__(self) -> Any:
+                entered.append(self)
+                self.__exit__ = None  # not looked at: it is the object's own
+                return unittest.mock.MagicMock()
+
+        class Late(Enters):
+            def __enter__(self) -> Any:
+                type(self).__exit__ = lambda *error: entered.append(error)
+                return super().__enter__()
+
+            def __exit__(self, *_error: object) -> None:
+                raise AssertionError("looked up before the block was entered")
+
+        entered: list[Any] = []
+        store = native_store.WikiStore()
+        store.db = unittest.mock.Mock(**{"transaction.side_effect": [late := Late(), Enters()]})
+        store.upsert_wiki_state("b")
+        self.assertEqual(entered, [late, (late, None, None, None)])
+        with self.assertRaisesRegex(TypeError, "^'Enters' object .* \\(missed __exit__ method\\)$"):
+            store.upsert_wiki_state("b")
+        self.assertEqual(len(entered), 3)
 
 
 if __name__ == "__main__":

@@ -6,7 +6,9 @@ import builtins
 import json
 import math
 import random
+import subprocess
 import sys
+import textwrap
 import types
 import unittest
 from collections.abc import Callable, Iterator
@@ -16,7 +18,7 @@ from typing import Any
 from unittest import mock
 
 from tessaly.storage import repository_wiki
-from tests.support import StoreTestCase
+from tests.support import StoreTestCase, not_leak_checked
 
 Text = type("Text", (str,), {})
 Whole = type("Whole", (int,), {"__repr__": lambda self: "whole"})
@@ -202,7 +204,6 @@ class Rebinding(StoreTestCase):
         own = types.SimpleNamespace(dumps=lambda _value: "own", loads=lambda _text: ["own"])
         encoder, decoder = json.JSONEncoder(), json.JSONDecoder()
         encoder.encode, decoder.decode = own.dumps, own.loads
-        options = json.dumps.__kwdefaults__ | {"cls": lambda **_options: encoder}
         old_import = builtins.__import__
         calls: dict[str, Callable[[], Any]] = {
             "page": lambda: Store().dumped([1]),
@@ -218,7 +219,6 @@ class Rebinding(StoreTestCase):
             (put(json, "loads", own.loads), "search refresh"),
             (put(json, "_default_encoder", encoder), f"{writers} refresh"),
             (put(json, "_default_decoder", decoder), "search refresh"),
-            (put(json.dumps, "__kwdefaults__", options), f"{writers} refresh"),
             (put(repository_wiki, "json", own), "search refresh"),
             (mock.patch.dict(sys.modules, json=own), writers),
             (put(builtins, "__import__", import_own), writers),
@@ -236,6 +236,46 @@ class Rebinding(StoreTestCase):
             self.assertRaisesRegex(ImportError, "none", calls["page"])
         with mock.patch.dict(sys.modules, json=None):
             self.assertRaisesRegex(ImportError, "import of json halted", calls["chunk"])
+
+    @not_leak_checked("the subject runs in processes of its own")
+    def test_json_that_was_changed_before_the_import_is_used_as_it_is(self) -> None:
+        for change in CHANGES:
+            source = textwrap.dedent(CHANGED).format(change=change)
+            done = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), change)
+
+
+CHANGES = [
+    "pass",
+    "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
+    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
+    "json._default_decoder = json.JSONDecoder(object_pairs_hook=OrderedDict)",
+    "json._default_decoder = json.JSONDecoder(object_hook=lambda d: 'hit' if 'path' in d else d)",
+    "json._default_decoder = json.JSONDecoder(parse_int=str)",
+    "json.JSONEncoder.encode = lambda self, value: repr(value)",
+    "json.JSONDecoder.decode = lambda self, text: [text]",
+    "json.dumps.__kwdefaults__['sort_keys'] = True",
+    "json.dumps.__kwdefaults__ = json.dumps.__kwdefaults__ | {'indent': 1}",
+    "json.loads.__kwdefaults__['parse_int'] = str",
+    "json.dumps.__code__ = (lambda obj, **options: str(obj)).__code__",
+    "json.loads = lambda text: ['own', text]",
+    "json.dumps = eval('lambda value: [1][value == 5:]', vars(json))",
+    "del json._default_encoder, json._default_decoder",
+    "del json.loads; json.JSONEncoder = None",
+    "sys.modules['json'] = types.SimpleNamespace(dumps=repr, loads=lambda text: (text,))",
+]
+CHANGED = """
+    import json, sys, types
+    from collections import OrderedDict
+    {change}
+    from tests.test_store_json import Store, outcome
+    json = sys.modules["json"]
+    for value in ([], [1], [{{"path": "é", "b": [None, True], "a": 1}}], [1.5], [object]):
+        for dumped in (Store().dumped, Store().dumped_with_chunk):
+            assert outcome(dumped, value) == outcome(lambda one: json.dumps(one), value), value
+    for text in ('[]', '[{{"path": "x", "n": 1}}]', '{{"b": [1], "a": 2}}', '[1.5]', '[', 'é'):
+        assert outcome(Store().loaded, text) == outcome(lambda one: json.loads(one), text), text
+"""
 
 
 if __name__ == "__main__":

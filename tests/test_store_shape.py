@@ -30,7 +30,6 @@ from tests.support import StoreTestCase, describe, not_leak_checked
 Text = type("Text", (str,), {})
 NAME = "tessaly.storage.repository_wiki"
 PLAIN = {name: one for name, one in vars(PlainWikiStore).items() if inspect.isfunction(one)}
-DOCUMENTED = 0xCE697EC0  # CRC-32 of the docstrings of the class and its methods
 
 
 class Shape(StoreTestCase):
@@ -60,61 +59,70 @@ class Shape(StoreTestCase):
         self.assertEqual((type(WikiStore), WikiStore.__bases__), (type, (object,)))
         self.assertEqual(WikiStore.__basicsize__, type("Empty", (), {}).__basicsize__)
 
-    def test_every_method_shows_what_a_python_function_does(self) -> None:
-        same = "__defaults__ __kwdefaults__ __name__ __closure__ __type_params__".split()
+    def test_methods_are_functions_of_the_class(self) -> None:
         for name, plain in PLAIN.items():
-            with self.subTest(name):
-                method = vars(WikiStore)[name]
-                for attribute in same:
-                    self.assertEqual(getattr(method, attribute), getattr(plain, attribute))
-                self.assertEqual(method.__qualname__, f"WikiStore.{name}")
-                self.assertEqual((method.__module__, method.__dict__), (NAME, {}))
-                hints = inspect.get_annotations(plain, eval_str=True)
-                self.assertEqual(list(method.__annotations__.items()), list(hints.items()))
-                signature = inspect.signature(method)
-                self.assertEqual(str(signature), str(inspect.signature(plain, eval_str=True)))
-                helped = pydoc.render_doc(method, renderer=pydoc.plaintext)
-                self.assertIn(f"{name}{signature}", describe("wiki_" + helped))
-        texts = [one.__doc__ for one in (WikiStore, *(getattr(WikiStore, name) for name in PLAIN))]
-        self.assertEqual(zlib.crc32("\n\n".join(texts).encode()), DOCUMENTED, "\n\n".join(texts))
-
-    def test_methods_bind_as_functions_do(self) -> None:
-        class Deriving(WikiStore, dict):
-            def get_wiki_state(self, branch: str) -> Any:
-                return ("derived", super().get_wiki_state(branch))
-
-        one = Deriving()
+            method = vars(WikiStore)[name]
+            self.assertIs(type(method), types.FunctionType)
+            self.assertEqual(method.__qualname__, f"WikiStore.{name}")
+            self.assertEqual((method.__module__, method.__dict__), (NAME, {}))
+            hints = inspect.get_annotations(plain, eval_str=True)
+            self.assertEqual(list(method.__annotations__.items()), list(hints.items()))
+            self.assertIs(pickle.loads(pickle.dumps(method)), method)
+        one = type("Deriving", (WikiStore, dict), {})()
         one.db = types.SimpleNamespace(fetchone=lambda _statement, parameters: None)
-        self.assertEqual((list(one.__dict__), Deriving.__mro__[1]), (["db"], WikiStore))
-        self.assertEqual(one.get_wiki_state("b"), ("derived", None))
-        self.assertIsNone(WikiStore.get_wiki_state(one, "b"))
+        self.assertEqual(list(one.__dict__), ["db"])
+        self.assertIsNone(one.get_wiki_state("b"))
         self.assertIsNone(WikiStore.get_wiki_state(types.SimpleNamespace(db=one.db), "b"))
-        self.assertIsNone(functools.partial(WikiStore.get_wiki_state, one)(branch="b"))
-        method = one.get_wiki_page
-        self.assertIs(type(method), types.MethodType)
-        self.assertIs(method.__self__, one)
-        self.assertIs(method.__func__, vars(WikiStore)["get_wiki_page"])
-        self.assertIs(WikiStore.get_wiki_page, vars(WikiStore)["get_wiki_page"])
-        self.assertEqual(method, one.get_wiki_page)
-        self.assertIs(WikiStore.get_wiki_page.__get__(None, WikiStore), WikiStore.get_wiki_page)
-        self.assertIs(method.__func__.__get__(one, None).__self__, one)
         with self.assertRaisesRegex(AttributeError, "__dict__"):
             WikiStore._wiki_chunk_indexes(object())
 
-    def test_functions_can_be_copied_pickled_referred_to_weakly_and_given_attributes(self) -> None:
-        for name in PLAIN:
-            method = getattr(WikiStore, name)
-            self.assertIs(pickle.loads(pickle.dumps(method)), method)
-            self.assertIs(copy.deepcopy(method), method)
-            self.assertIs(weakref.ref(method)(), method)
-            self.assertTrue(gc.is_tracked(method))
-            self.assertIn(name, repr(method))
-            method.note = self
-            self.assertEqual(method.__dict__, {"note": self})
-            del method.note
-            self.assertFalse(hasattr(method, "note"))
-        for refused in ("__name__", "__code__", "__globals__"):
-            self.assertRaises((AttributeError, TypeError), setattr, method, refused, 5)
+    def test_a_method_stays_a_function_whatever_is_set_on_it(self) -> None:
+        def one_variable() -> Any:
+            return lambda self, branch: (branch, captured)
+
+        captured = "captured"
+        method = WikiStore.get_wiki_pages
+        store = mock.Mock(**{"db.fetchall.return_value": [], "db.fetchone.return_value": None})
+        [cell] = method.__closure__
+        copied = types.FunctionType(method.__code__, {}, "f", ("b",), method.__closure__)
+        self.assertEqual((copied(store), method(store, branch="b")), ([], []))
+        self.assertEqual(method(store, **{Text("branch"): "b"}), [])
+        own, native = method.__code__, cell.cell_contents
+        for code, expected in (
+            (WikiStore.get_wiki_state.__code__, None),
+            (one_variable().__code__, ("b", native)),
+            (own, []),
+        ):
+            method.__code__ = code
+            self.assertEqual(method(store, "b"), expected)
+        number = list(PLAIN).index("get_wiki_pages")
+        self.addCleanup(setattr, cell, "cell_contents", native)
+        cell.cell_contents = lambda *given: given
+        self.assertEqual(method(store, "b"), (number, store, "b"))
+        cell.cell_contents = repository_wiki
+        self.assertRaisesRegex(TypeError, "'module' object is not callable", method, store, "b")
+        cell.cell_contents = native
+        for given in ((), (0,), ("x", store), (99, store), (-1, store), (10, store, "b", "c")):
+            with self.assertRaises((TypeError, OverflowError)):
+                native(*given)
+        self.assertEqual(native(number, store, "b"), [])
+
+    def test_what_sets_the_closure_or_the_code_during_a_call_does_not_end_it(self) -> None:
+        def harm(_statement: Any, _parameters: Any) -> list[Any]:
+            method.__code__ = WikiStore.get_wiki_page.__code__
+            cell.cell_contents = method.__defaults__ = None
+            gc.collect()
+            return [(1,) * 3, (2,) * 3]
+
+        again = Life().import_anew()
+        method = again.WikiStore.get_wiki_pages
+        [cell] = method.__closure__
+        again.WIKI_PAGE_COLUMNS, again.row_to_wiki_page = "x", tuple
+        store = mock.Mock(**{"db.fetchall": harm})
+        del again
+        self.assertEqual(method(store, "b"), [(1,) * 3, (2,) * 3])
+        self.assertRaisesRegex(TypeError, "missing 1 .*: 'page_id'", method, store, "b")
+        self.assertRaisesRegex(TypeError, "'NoneType' .* not callable", method, store, "b", "p")
 
     def test_defaults_that_are_set_are_used(self) -> None:
         page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks

@@ -19,7 +19,7 @@ ErrorSet set_error_from_caught() noexcept {
   } catch (...) {
     PyErr_SetString(PyExc_SystemError, "native code failed");
   }
-  return ErrorSet{Where::current()};
+  return {};
 }
 
 }  // namespace tessaly::py

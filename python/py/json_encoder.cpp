@@ -1,11 +1,9 @@
 #include <charconv>
-#include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
-#include "py/json.h"
+#include "py/json_text.h"
 
 namespace tessaly::py::json {
 
@@ -15,8 +13,8 @@ namespace {
 class Buffer {
  public:
   void put(char one) {
-    if (size_ == capacity_) grow(1);
-    data_[size_++] = one;
+    *room_for(1) = one;
+    ++size_;
   }
   void put(std::string_view text) {
     std::memcpy(room_for(text.size()), text.data(), text.size());
@@ -57,66 +55,43 @@ bool is_plain(Py_UCS4 character) {
 
 void put_utf16_unit(Buffer& out, unsigned unit) {
   static constexpr char kHex[] = "0123456789abcdef";
-  const char escape[] = {'\\',
-                         'u',
-                         kHex[unit >> 12U & 15U],
-                         kHex[unit >> 8U & 15U],
-                         kHex[unit >> 4U & 15U],
-                         kHex[unit & 15U]};
-  out.put({escape, sizeof(escape)});
+  out.put("\\u");
+  for (const unsigned shift : {12U, 8U, 4U, 0U}) out.put(kHex[unit >> shift & 15U]);
 }
 
 void put_escaped(Buffer& out, Py_UCS4 character) {
-  switch (character) {
-    case '"':
-      return out.put("\\\"");
-    case '\\':
-      return out.put("\\\\");
-    case '\n':
-      return out.put("\\n");
-    case '\r':
-      return out.put("\\r");
-    case '\t':
-      return out.put("\\t");
-    case '\f':
-      return out.put("\\f");
-    case '\b':
-      return out.put("\\b");
-    default:
-      break;
-  }
-  if (character < 0x10000) return put_utf16_unit(out, character);
-  put_utf16_unit(out, 0xD800U + ((character - 0x10000U) >> 10U));
-  put_utf16_unit(out, 0xDC00U + ((character - 0x10000U) & 0x3FFU));
-}
-
-template <typename Character>
-void put_characters(Buffer& out, const Character* text, std::size_t size) {
-  char* to = out.room_for(size + 1);
-  std::size_t plain = 0;
-  for (; plain < size && is_plain(text[plain]); ++plain) to[plain] = static_cast<char>(text[plain]);
-  out.advance(plain);
-  for (std::size_t i = plain; i < size; ++i) {
-    if (is_plain(text[i]))
-      out.put(static_cast<char>(text[i]));
-    else
-      put_escaped(out, text[i]);
+  static constexpr std::string_view kEscaped = "\"\\\n\r\t\f\b";
+  static constexpr std::string_view kLetters = "\"\\nrtfb";
+  const auto at = character < 128 ? kEscaped.find(static_cast<char>(character)) : kEscaped.npos;
+  if (at != kEscaped.npos) {
+    out.put('\\');
+    out.put(kLetters[at]);
+  } else if (character < 0x10000) {
+    put_utf16_unit(out, character);
+  } else {
+    put_utf16_unit(out, 0xD800U + ((character - 0x10000U) >> 10U));
+    put_utf16_unit(out, 0xDC00U + ((character - 0x10000U) & 0x3FFU));
   }
 }
 
 void put_string(Buffer& out, PyObject* text) {
-  const auto size = static_cast<std::size_t>(PyUnicode_GET_LENGTH(text));
+  const Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  const int kind = PyUnicode_KIND(text);
+  const void* data = PyUnicode_DATA(text);
   out.put('"');
-  switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND:
-      put_characters(out, PyUnicode_1BYTE_DATA(text), size);
-      break;
-    case PyUnicode_2BYTE_KIND:
-      put_characters(out, PyUnicode_2BYTE_DATA(text), size);
-      break;
-    default:
-      put_characters(out, PyUnicode_4BYTE_DATA(text), size);
-      break;
+  Py_ssize_t i = 0;
+  if (kind == PyUnicode_1BYTE_KIND) {
+    const auto* characters = static_cast<const Py_UCS1*>(data);
+    char* to = out.room_for(static_cast<std::size_t>(size));
+    for (; i < size && is_plain(characters[i]); ++i) to[i] = static_cast<char>(characters[i]);
+    out.advance(static_cast<std::size_t>(i));
+  }
+  for (; i < size; ++i) {
+    const Py_UCS4 character = PyUnicode_READ(kind, data, i);
+    if (is_plain(character))
+      out.put(static_cast<char>(character));
+    else
+      put_escaped(out, character);
   }
   out.put('"');
 }
@@ -131,31 +106,15 @@ bool put_integer(Buffer& out, PyObject* value) {
   return true;
 }
 
-bool put_float(Buffer& out, PyObject* value) {
-  const double number = PyFloat_AS_DOUBLE(value);
-  if (!std::isfinite(number)) return false;
-  // float.__repr__ asks for the same conversion.
-  char* text = PyOS_double_to_string(number, 'r', 0, Py_DTSF_ADD_DOT_0, nullptr);
-  if (text == nullptr) throw_error_set();
-  try {
-    out.put(std::string_view(text));
-  } catch (...) {
-    PyMem_Free(text);
-    throw;
-  }
-  PyMem_Free(text);
-  return true;
-}
-
 bool put_value(Buffer& out, PyObject* value, int depth);
 
 /// Borrowed items are safe in these two: nothing below them runs Python code, so the container
 /// cannot change while it is read.
-bool put_sequence(Buffer& out, PyObject* const* items, Py_ssize_t size, int depth) {
+bool put_sequence(Buffer& out, PyObject* list_or_tuple, int depth) {
   out.put('[');
-  for (Py_ssize_t i = 0; i < size; ++i) {
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list_or_tuple); ++i) {
     if (i > 0) out.put(", ");
-    if (!put_value(out, items[i], depth)) return false;
+    if (!put_value(out, PySequence_Fast_GET_ITEM(list_or_tuple, i), depth)) return false;
   }
   out.put(']');
   return true;
@@ -166,11 +125,9 @@ bool put_object(Buffer& out, PyObject* dict, int depth) {
   Py_ssize_t position = 0;
   PyObject* key = nullptr;
   PyObject* value = nullptr;
-  bool first = true;
-  while (PyDict_Next(dict, &position, &key, &value)) {
+  for (bool first = true; PyDict_Next(dict, &position, &key, &value); first = false) {
     if (!PyUnicode_CheckExact(key)) return false;
     if (!first) out.put(", ");
-    first = false;
     put_string(out, key);
     out.put(": ");
     if (!put_value(out, value, depth)) return false;
@@ -186,14 +143,9 @@ bool put_value(Buffer& out, PyObject* value, int depth) {
   if (value == Py_None) return out.put("null"), true;
   if (value == Py_True) return out.put("true"), true;
   if (value == Py_False) return out.put("false"), true;
-  if (PyList_CheckExact(value))
-    return put_sequence(out, reinterpret_cast<PyListObject*>(value)->ob_item,
-                        PyList_GET_SIZE(value), depth + 1);
   if (PyDict_CheckExact(value)) return put_object(out, value, depth + 1);
-  if (PyTuple_CheckExact(value))
-    return put_sequence(out, reinterpret_cast<PyTupleObject*>(value)->ob_item,
-                        PyTuple_GET_SIZE(value), depth + 1);
-  if (PyFloat_CheckExact(value)) return put_float(out, value);
+  if (PyList_CheckExact(value) || PyTuple_CheckExact(value))
+    return put_sequence(out, value, depth + 1);
   return false;
 }
 

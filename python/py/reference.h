@@ -2,7 +2,6 @@
 
 #include <Python.h>
 
-#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -29,19 +28,21 @@ class Handle {
   PyObject* object_;
 };
 
+inline Handle none() noexcept { return Py_None; }
+
 /// One owned reference: move-only, never null except once moved from. The names of the factories
 /// say who owned the reference before.
 class [[nodiscard]] Owned {
  public:
   /// Takes over a new reference; null means that an error is set, which is thrown on.
-  static Owned steal(PyObject* object, Where where = Where::current()) {
+  static Owned steal(PyObject* object) {
     if (object == nullptr) [[unlikely]]
-      throw ErrorSet{where};
+      throw ErrorSet{};
     return Owned(object);
   }
   /// Makes a reference of its own beside the one it is shown.
   static Owned borrow(Handle handle) noexcept { return Owned(Py_NewRef(handle.ptr())); }
-  static Owned none() noexcept { return Owned(Py_NewRef(Py_None)); }
+  static Owned none() noexcept { return borrow(py::none()); }
 
   Owned(Owned&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   Owned& operator=(Owned&& other) noexcept {
@@ -74,18 +75,15 @@ PyObject* guarded(Function&& function) noexcept {
   try {
     return function().release();
   } catch (...) {
-    static_cast<void>(set_error_from_caught());
+    set_error_from_caught();
     return nullptr;
   }
 }
 
 /// The answer of the C API's three-way look-ups (-1 error, 0 absent, 1 found).
-[[nodiscard]] inline std::optional<Owned> found(int status, PyObject* object,
-                                                Where where = Where::current()) {
-  if (status < 0) [[unlikely]]
-    throw ErrorSet{where};
-  if (status == 0) return std::nullopt;
-  return Owned::steal(object, where);
+[[nodiscard]] inline std::optional<Owned> found(int status, PyObject* object) {
+  if (checked(status) == 0) return std::nullopt;
+  return Owned::steal(object);
 }
 
 /// A reference kept in a structure that garbage collection visits and clears; empty before it is
@@ -102,17 +100,11 @@ class Member {
     Py_XDECREF(old);
   }
   void clear() noexcept { Py_CLEAR(object_); }
-  /// Leaves it empty. It must not be so before.
-  [[nodiscard]] Owned take() noexcept { return Owned::steal(std::exchange(object_, nullptr)); }
   [[nodiscard]] int traverse(visitproc visit, void* arg) const {
     Py_VISIT(object_);
     return 0;
   }
   [[nodiscard]] bool empty() const noexcept { return object_ == nullptr; }
-  /// Whether it holds an object to which nobody else has a reference.
-  [[nodiscard]] bool is_unshared() const noexcept {
-    return object_ != nullptr && Py_REFCNT(object_) == 1;
-  }
   [[nodiscard]] PyObject* ptr() const noexcept { return object_; }
 
  private:
@@ -120,23 +112,5 @@ class Member {
 };
 
 inline Handle::Handle(const Member& member) noexcept : object_(member.ptr()) {}
-
-/// References that are held together until the end of a scope, at most `Capacity` of them.
-template <std::size_t Capacity>
-class OwnedStack {
- public:
-  OwnedStack() noexcept = default;
-  OwnedStack(const OwnedStack&) = delete;
-  OwnedStack& operator=(const OwnedStack&) = delete;
-  ~OwnedStack() {
-    while (size_ > 0) Py_DECREF(objects_[--size_]);
-  }
-  /// The caller sees to it that no more than `Capacity` are pushed.
-  Handle push(Owned owned) noexcept { return objects_[size_++] = owned.release(); }
-
- private:
-  PyObject* objects_[Capacity];
-  std::size_t size_ = 0;
-};
 
 }  // namespace tessaly::py

@@ -1,33 +1,32 @@
 #include "py/texts.h"
 
+#include <string>
+
+#include "py/objects.h"
+
 namespace tessaly::py {
 
-void TextPool::place(Entry entry) noexcept {
-  std::size_t i = slot_of(entry.text);
-  while (entries_[i].text != nullptr) i = (i + 1) & (entries_.size() - 1);
-  entries_[i] = entry;
+Handle TextPool::get(const Text& text) {
+  Member& kept = entries_[text.number_].text;
+  if (kept.empty()) kept.set(py::text(text.head_));
+  return kept;
 }
 
-Handle TextPool::add(const Text& text) {
-  if (2 * (used_ + 1) > entries_.size()) {
-    std::vector<Entry> larger(entries_.empty() ? 32 : 2 * entries_.size());
-    entries_.swap(larger);
-    for (const Entry& entry : larger)
-      if (entry.text != nullptr) place(entry);
+Owned TextPool::get(const Text& text, Handle columns, std::size_t marks) {
+  Entry* entry = marks <= Text::kMostMarksKept ? &entries_[text.number_ + marks] : nullptr;
+  if (entry != nullptr && !entry->text.empty() && columns.is(entry->columns))
+    return Owned::borrow(entry->text);
+
+  std::string placeholders;
+  for (std::size_t i = 0; i < marks; ++i) placeholders += i == 0 ? "?" : ",?";
+  const Owned spliced = columns.is_none() ? py::text("") : Owned::borrow(columns);
+  Owned made = Owned::steal(PyUnicode_FromFormat("%s%U%s%s%s", text.head_, spliced.ptr(),
+                                                 text.middle_, placeholders.c_str(), text.tail_));
+  if (entry != nullptr) {
+    entry->columns.set(Owned::borrow(columns));
+    entry->text.set(Owned::borrow(made));
   }
-  Owned object = Owned::steal(PyUnicode_FromString(text.utf8));
-  const Handle handle = object;
-  place({&text, object.release()});
-  ++used_;
-  return handle;
-}
-
-void TextPool::clear() noexcept {
-  std::vector<Entry> old;
-  old.swap(entries_);
-  used_ = 0;
-  for (Entry& entry : old)
-    if (entry.object != nullptr) drop(Owned::steal(entry.object));
+  return made;
 }
 
 }  // namespace tessaly::py

@@ -3,55 +3,60 @@
 #include <Python.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include "py/reference.h"
 
 namespace tessaly::py {
 
-/// A constant text, declared beside its use as a namespace-scope constexpr variable. UTF-8.
-struct Text {
-  const char* utf8;
+/// A constant text in UTF-8, declared beside its use at namespace scope. Each takes numbers of its
+/// own when the library is loaded, by which a TextPool finds the str objects made of it.
+class Text {
+ public:
+  explicit Text(const char* text) noexcept : Text(text, nullptr, nullptr, 1) {}
+
+  /// A text to be put together: head + columns + middle + "?,?,..." + tail.
+  Text(const char* head, const char* middle, const char* tail) noexcept
+      : Text(head, middle, tail, 1 + kMostMarksKept) {}
+
+ private:
+  friend class TextPool;
+  static constexpr std::size_t kMostMarksKept = 64;  // longer ones are rare, and large
+
+  Text(const char* head, const char* middle, const char* tail, std::size_t numbers) noexcept
+      : head_(head), middle_(middle), tail_(tail), number_(numbers_taken_) {
+    numbers_taken_ += numbers;
+  }
+
+  inline static std::size_t numbers_taken_ = 0;  // changes no more once the library is loaded
+  const char* head_;
+  const char* middle_;
+  const char* tail_;
+  std::size_t number_;
 };
 
-/// The str objects of the Texts that were asked for, one each, found by the Text's address. Every
-/// module object has a pool of its own; the same Text always gives the same object, so that its
-/// hash is computed once and caches keyed by it find it by identity.
+/// The str objects of the Texts, one pool a module object. The same text is always the same object,
+/// so that its hash is computed once and the database driver's statement cache finds it by
+/// identity. Runs no Python code.
 class TextPool {
  public:
-  TextPool() = default;
-  TextPool(const TextPool&) = delete;
-  TextPool& operator=(const TextPool&) = delete;
-  ~TextPool() { clear(); }
+  TextPool() : entries_(Text::numbers_taken_) {}
 
-  /// Borrowed from the pool, which keeps it until cleared. Runs no Python code.
-  Handle get(const Text& text) {
-    if (!entries_.empty()) {
-      for (std::size_t i = slot_of(&text);; i = (i + 1) & (entries_.size() - 1)) {
-        if (entries_[i].text == &text) return entries_[i].object;
-        if (entries_[i].text == nullptr) break;
-      }
-    }
-    return add(text);
-  }
-  void clear() noexcept;
+  /// Borrowed from the pool, which keeps it until cleared.
+  Handle get(const Text& text);
+
+  /// The text put together with `columns`, an exact str or None for nothing, and so many
+  /// placeholders; the same object as the last time if the parts are the same.
+  Owned get(const Text& text, Handle columns, std::size_t marks);
+
+  void clear() noexcept { entries_.clear(); }
 
  private:
   struct Entry {
-    const Text* text = nullptr;
-    PyObject* object = nullptr;
+    Member columns;
+    Member text;
   };
-
-  [[nodiscard]] std::size_t slot_of(const Text* text) const noexcept {
-    const auto address = reinterpret_cast<std::uintptr_t>(text);
-    return (address * 0x9E3779B97F4A7C15U >> 32U) & (entries_.size() - 1);
-  }
-  Handle add(const Text& text);
-  void place(Entry entry) noexcept;
-
-  std::vector<Entry> entries_;  // open addressing; the size is a power of two, at most half full
-  std::size_t used_ = 0;
+  std::vector<Entry> entries_;  // by number; a text put together has one for each count of marks
 };
 
 }  // namespace tessaly::py

@@ -2,35 +2,23 @@
 
 #include <frameobject.h>
 
-#include "py/reference.h"
+// A traceback entry is made of a frame, and for a frame that the interpreter never ran there is
+// PyFrame_New alone: exported, but outside the documented C API.
 
 namespace tessaly::py {
 
-namespace {
-
-Owned make_frame(const char* function, Where where, PyObject* namespace_dict) {
-  // A code object without instructions stands for one line: its first.
-  const Owned code = Owned::steal(reinterpret_cast<PyObject*>(
-      PyCode_NewEmpty(where.file_name(), function, static_cast<int>(where.line()))));
-  return Owned::steal(reinterpret_cast<PyObject*>(PyFrame_New(
-      PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()), namespace_dict, nullptr)));
-}
-
-}  // namespace
-
-void add_traceback(const char* function, Where where, PyObject* namespace_dict) noexcept {
-  if (namespace_dict == nullptr) return;
+void add_traceback(Handle code, Handle module_namespace) noexcept {
   PyObject* error = PyErr_GetRaisedException();
   if (error == nullptr) return;
-  try {
-    const Owned frame = make_frame(function, where, namespace_dict);
-    Owned kept = Owned::borrow(error);
-    PyErr_SetRaisedException(error);
-    if (PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.ptr())) < 0)
-      PyErr_SetRaisedException(kept.release());
-  } catch (const ErrorSet&) {
-    PyErr_SetRaisedException(error);  // replaces the error of making the frame
-  }
+  const Owned kept = Owned::steal(error);
+  PyObject* frame = reinterpret_cast<PyObject*>(
+      PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()),
+                  module_namespace.ptr(), nullptr));
+  PyErr_SetRaisedException(Py_NewRef(error));  // replaces the error of making the frame
+  if (frame == nullptr) return;
+  const Owned held = Owned::steal(frame);
+  if (PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame)) < 0)
+    PyErr_SetRaisedException(Py_NewRef(error));
 }
 
 }  // namespace tessaly::py

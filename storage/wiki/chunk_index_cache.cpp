@@ -1,39 +1,25 @@
-#include "wiki/chunk_index_cache.h"
-
-#include "host.h"
-#include "wiki/chunk_rows.h"
+#include "host/chunk_index.h"
+#include "host/codec.h"
+#include "host/database.h"
+#include "wiki/methods.h"
 
 namespace tessaly::wiki {
 
-using py::Handle;
-using py::Owned;
-
-Owned wiki_chunk_indexes(const Call& call) {
+Owned _wiki_chunk_indexes(const Call& call) {
   const Names& names = call.names();
   const Owned attributes = py::attribute(call.self(), names.dunder_dict);
-  Owned indexes = py::mapping_get(attributes, names.get, names.wiki_chunk_index_cache);
+  Owned indexes = py::mapping_get(attributes, names.get, names._wiki_chunk_index_cache);
   if (!indexes.is_none()) return indexes;
-  Owned created = Owned::steal(PyDict_New());
-  py::mapping_set(attributes, names.wiki_chunk_index_cache, created);
+  Owned created = py::new_dict();
+  py::mapping_set(attributes, names._wiki_chunk_index_cache, created);
   return created;
-}
-
-Owned invalidate_wiki_chunk_index(const Call& call) {
-  const Owned indexes = py::call_method(call.self(), call.names().wiki_chunk_indexes);
-  if (PyDict_CheckExact(indexes.ptr()))
-    PyDict_Clear(indexes.ptr());
-  else
-    py::drop(py::call_method(indexes, call.names().dict_clear));
-  return Owned::none();
 }
 
 namespace {
 
-void pop(const Call& call, py::Target indexes, Handle branch) {
-  if (PyDict_CheckExact(indexes.ptr()))
-    py::checked(PyDict_Pop(indexes.ptr(), branch.ptr(), nullptr), indexes.where);
-  else
-    py::drop(py::call_method(indexes, call.names().pop, branch, Handle(Py_None)));
+/// `self._wiki_chunk_indexes()`, which a subclass may have made its own.
+Owned indexes_of(const Call& call) {
+  return py::call_method(call.self(), call.names()._wiki_chunk_indexes);
 }
 
 /// `(chunk id, embedding)` of every row.
@@ -46,7 +32,7 @@ Owned decode_embeddings(const Call& call, Handle rows) {
 
 /// Chunk id to `(page row id, heading, text, stored citations)`, in the order of the rows.
 Owned collect_chunks(Handle rows) {
-  Owned chunks = py::dict_for(py::expected_length(rows));
+  Owned chunks = py::new_dict();
   py::for_each(rows, [&](const Owned& row) {
     const Owned id = py::to_int(py::item(row, 0));
     Owned page_fk = py::to_int(py::item(row, 1));
@@ -54,60 +40,44 @@ Owned collect_chunks(Handle rows) {
     Owned text = py::to_str(py::item(row, 3));
     const Owned chunk =
         py::tuple(std::move(page_fk), std::move(heading), std::move(text), py::item(row, 4));
-    py::checked(PyDict_SetItem(chunks.ptr(), id.ptr(), chunk.ptr()));
+    py::dict_set(chunks, id, chunk);
   });
   return chunks;
 }
 
 }  // namespace
 
-void drop_chunk_index(const Call& call, Handle branch, py::Where where) {
-  const Owned indexes =
-      py::call_method(py::Target(call.self(), where), call.names().wiki_chunk_indexes);
-  pop(call, py::Target(indexes, where), branch);
+Owned invalidate_wiki_chunk_index(const Call& call) {
+  py::mapping_clear(indexes_of(call), call.names().clear);
+  return Owned::none();
 }
 
-Owned chunk_index_keywords(const Names& names) {
-  return py::tuple(Handle(names.generation), Handle(names.dimension), Handle(names.index),
-                   Handle(names.chunks), Handle(names.words));
+void drop_chunk_index(const Call& call, Handle branch) {
+  py::mapping_pop(indexes_of(call), call.names().pop, branch);
 }
 
-constexpr py::Text kReadChunks{R"(
-    SELECT c.id, c.page_fk, c.heading, c.content, c.citations, c.embedding
+const py::Text kReadChunks{R"(SELECT c.id, c.page_fk, c.heading, c.content, c.citations, c.embedding
     FROM wiki_chunks c JOIN wiki_pages p ON c.page_fk = p.id
     WHERE c.branch = ? ORDER BY c.id)"};
 
-Owned wiki_chunk_index(const Call& call, Handle branch) {
-  const Names& names = call.names();
+Owned _wiki_chunk_index(const Call& call, Handle branch) {
   // Asked before any row is read: an index built while the generation moves on is built again.
   const Owned generation = host::index_generation(call);
-  const Owned indexes = py::call_method(call.self(), names.wiki_chunk_indexes);
-  Owned cached = py::mapping_get(indexes, names.get, branch);
-  if (!cached.is_none()) {
-    const Owned built_at = py::attribute(cached, names.generation);
-    if (py::compare(built_at, generation, Py_EQ)) return cached;
-  }
+  const Owned indexes = indexes_of(call);
+  Owned cached = py::mapping_get(indexes, call.names().get, branch);
+  if (!cached.is_none() && py::equal(host::generation(call, cached), generation)) return cached;
 
-  const Owned rows = host::fetchall(call, call.text(kReadChunks), call.parameters(branch));
+  const Owned rows = host::fetchall(call, call.text(kReadChunks), py::tuple(branch));
   if (!py::truth(rows)) {
-    pop(call, indexes, branch);
+    py::mapping_pop(indexes, call.names().pop, branch);
     return Owned::none();
   }
   const Owned vectors = decode_embeddings(call, rows);
-  const Owned first = py::item(vectors, 0);
-  const Owned dimension = py::integer(py::length(py::item(first, 1)));
-  const Owned index = py::call(call.global(names.EmbeddingIndex), dimension);
-  py::drop(py::call_method(index, names.load, vectors));
+  const Owned dimension = py::length(py::item(py::item(vectors, 0), 1));
+  const Owned index = host::embedding_index(call, dimension, vectors);
   const Owned chunks = collect_chunks(rows);
-  const Owned word_index = call.global(names.ChunkWords);
-  const Owned build = py::attribute(word_index, names.build);
-  const Owned words = py::call(build, make_chunk_rows(call.state(), rows));
-  const Owned make = call.global(names.WikiChunkIndex);
-  PyObject* fields[] = {nullptr,     generation.ptr(), dimension.ptr(),
-                        index.ptr(), chunks.ptr(),     words.ptr()};
-  Owned built =
-      Owned::steal(PyObject_Vectorcall(make.ptr(), fields + 1, 0 | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                       call.state().chunk_index_keywords.ptr()));
+  const Owned words = host::chunk_words(call, rows);
+  Owned built = host::chunk_index(call, generation, dimension, index, chunks, words);
   py::mapping_set(indexes, branch, built);
   return built;
 }

@@ -1,57 +1,14 @@
-#include "wiki/pages.h"
-
-#include "host.h"
-#include "wiki/chunk_index_cache.h"
+#include "host/database.h"
+#include "host/wiki_rows.h"
+#include "wiki/json_columns.h"
+#include "wiki/methods.h"
 
 namespace tessaly::wiki {
 
-using py::Handle;
-using py::Owned;
+const py::Text kReadPageId{"SELECT id FROM wiki_pages WHERE branch = ? AND page_id = ?"};
 
-namespace {
-
-/// `json.dumps(value or empty)`, with the `json` that the caller imported.
-Owned dump_or_empty(const Call& call, py::Target json, Handle value, const py::Text& empty_text,
-                    PyObject* (*make_empty)()) {
-  const Owned dumps = py::attribute(json, call.names().dumps);
-  const bool given = py::truth(py::Target(value, json.where));
-  py::Json& coder = call.state().json;
-  if (given) return coder.dumps(py::Target(dumps, json.where), value);
-  if (coder.is_genuine_dumps(dumps)) return Owned::borrow(call.text(empty_text));
-  return coder.dumps(py::Target(dumps, json.where), Owned::steal(make_empty()));
-}
-
-constexpr py::Text kEmptyList{"[]"};
-constexpr py::Text kEmptyObject{"{}"};
-
-Owned dump_list(const Call& call, py::Target json, Handle value) {
-  return dump_or_empty(call, json, value, kEmptyList, [] { return PyList_New(0); });
-}
-
-Owned dump_object(const Call& call, py::Target json, Handle value) {
-  return dump_or_empty(call, json, value, kEmptyObject, PyDict_New);
-}
-
-/// A statement over full page rows: `WIKI_PAGE_COLUMNS` as it is now goes into its place.
-Owned page_statement(const Call& call, const StatementShape& shape, Py_ssize_t marks = 0,
-                     py::Where where = py::Where::current()) {
-  Owned columns = call.global(call.names().WIKI_PAGE_COLUMNS, where);
-  if (!PyUnicode_CheckExact(columns.ptr())) {
-    const Owned formatted = Owned::steal(PyObject_Format(columns.ptr(), nullptr), where);
-    columns = Owned::steal(PyUnicode_FromObject(formatted.ptr()), where);
-  }
-  return call.state().statements.get(shape, columns.ptr(), marks);
-}
-
-Owned to_page(const Call& call, py::Target row) {
-  const Owned convert = call.global(call.names().row_to_wiki_page, row.where);
-  return py::call(py::Target(convert, row.where), row.object);
-}
-
-}  // namespace
-
-constexpr py::Text kUpsertPage{R"(
-    INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
+const py::Text kUpsertPage{
+    R"(INSERT INTO wiki_pages (branch, page_id, title, description, importance, level,
         parent_section, rel_path, source_files, source_hashes, symbols, related_pages, citations,
         content_hash, model, status, summary, build_cache, page_type, generated_at)
     VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, datetime('now'))
@@ -72,30 +29,30 @@ Owned upsert_wiki_page(const Call& call, Handle branch, Handle page_id, Handle t
   const Owned json = call.import_json();
   Owned row_id = Owned::none();  // stays so when the exit swallows an error
   host::transaction(call, [&](const host::Cursor& cursor) {
-    const host::Execution upsert = cursor.prepare(call.text(kUpsertPage));
-    Owned source_files_text = dump_list(call, json, source_files);
-    Owned source_hashes_text = dump_object(call, json, source_hashes);
-    Owned symbols_text = dump_list(call, json, symbols);
-    Owned related_pages_text = dump_list(call, json, related_pages);
-    Owned citations_text = dump_list(call, json, citations);
-    upsert.run(py::tuple(branch, page_id, title, description, importance, level, parent_section,
-                         rel_path, std::move(source_files_text), std::move(source_hashes_text),
-                         std::move(symbols_text), std::move(related_pages_text),
-                         std::move(citations_text), content_hash, model, status, summary,
-                         build_cache, page_type));
-    const Owned row = cursor.query_one(call.text(kReadPageId), call.parameters(branch, page_id));
+    py::drop(cursor.execute(kUpsertPage, [&] {
+      Owned source_files_text = dump_list(call, json, source_files);
+      Owned source_hashes_text = dump_object(call, json, source_hashes);
+      Owned symbols_text = dump_list(call, json, symbols);
+      Owned related_pages_text = dump_list(call, json, related_pages);
+      Owned citations_text = dump_list(call, json, citations);
+      return py::tuple(branch, page_id, title, description, importance, level, parent_section,
+                       rel_path, std::move(source_files_text), std::move(source_hashes_text),
+                       std::move(symbols_text), std::move(related_pages_text),
+                       std::move(citations_text), content_hash, model, status, summary, build_cache,
+                       page_type);
+    }));
+    const Owned row = cursor.one(cursor.execute(kReadPageId, py::tuple(branch, page_id)));
     row_id = py::truth(row) ? py::to_int(py::item(row, 0)) : py::integer(0);
   });
   return row_id;
 }
 
-constexpr StatementShape kReadPage{.head{"SELECT "},
-                                   .middle{" FROM wiki_pages WHERE branch = ? AND page_id = ?"}};
+const py::Text kReadPage{"SELECT ", " FROM wiki_pages WHERE branch = ? AND page_id = ?", ""};
 
 Owned get_wiki_page(const Call& call, Handle branch, Handle page_id) {
-  const Owned statement = page_statement(call, kReadPage);
-  const Owned row = host::fetchone(call, statement, call.parameters(branch, page_id));
-  return py::truth(row) ? to_page(call, row) : Owned::none();
+  const Owned statement = call.text(kReadPage, host::page_columns(call), 0);
+  const Owned row = host::fetchone(call, statement, py::tuple(branch, page_id));
+  return py::truth(row) ? host::page_record(call, row) : Owned::none();
 }
 
 /// The order of every listing: what matters most first, then by title.
@@ -103,68 +60,106 @@ Owned get_wiki_page(const Call& call, Handle branch, Handle page_id) {
   " ORDER BY CASE importance WHEN 'high' THEN 0 WHEN 'medium' THEN 1" \
   " WHEN 'low' THEN 2 ELSE 3 END, title"
 
-constexpr StatementShape kListPages{
-    .head{"SELECT "}, .middle{" FROM wiki_pages WHERE branch = ?" TESSALY_ORDER_BY_IMPORTANCE}};
+const py::Text kListPages{"SELECT ",
+                          " FROM wiki_pages WHERE branch = ?" TESSALY_ORDER_BY_IMPORTANCE, ""};
 
 Owned get_wiki_pages(const Call& call, Handle branch) {
-  const Owned statement = page_statement(call, kListPages);
-  const Owned rows = host::fetchall(call, statement, call.parameters(branch));
-  return py::list_of(rows, [&](const Owned& row) { return to_page(call, row); });
+  const Owned statement = call.text(kListPages, host::page_columns(call), 0);
+  const Owned rows = host::fetchall(call, statement, py::tuple(branch));
+  return py::list_of(rows, [&](const Owned& row) { return host::page_record(call, row); });
 }
 
 namespace {
 
-/// The distinct paths with forward slashes, sorted; items that are false are left out.
-Owned normalise_paths(const Call& call, py::Target paths) {
-  constexpr static py::Text kBackslash{"\\"};
-  constexpr static py::Text kSlash{"/"};
+const py::Text kBackslash{"\\"};
+const py::Text kSlash{"/"};
+
+/// The distinct paths with forward slashes, sorted, in a tuple; items that are false are left out.
+Owned normalise_paths(const Call& call, Handle paths) {
   py::SortedSet distinct;
   py::for_each(paths, [&](const Owned& path) {
-    if (!py::truth(path)) return;
-    const Handle backslash = call.text(kBackslash);
-    const Handle slash = call.text(kSlash);
-    const Owned normal =
-        PyUnicode_CheckExact(path.ptr())
-            ? Owned::steal(PyUnicode_Replace(path.ptr(), backslash.ptr(), slash.ptr(), -1))
-            : py::call_method(path, call.names().replace, backslash, slash);
-    distinct.add(normal);
+    if (py::truth(path))
+      distinct.add(
+          py::replaced(path, call.names().replace, call.text(kBackslash), call.text(kSlash)));
   });
-  return distinct.sorted();
+  return py::to_tuple(distinct.sorted());
 }
 
-constexpr StatementShape kReadCitingPages{
-    .head{"SELECT "},
-    .middle{" FROM wiki_pages WHERE branch = ? AND id IN ("
-            "SELECT p.id FROM wiki_pages p, json_each(p.source_files) j"
-            " WHERE p.branch = ? AND replace(j.value, char(92), '/') IN ("},
-    .tail{"))" TESSALY_ORDER_BY_IMPORTANCE}};
+const py::Text kReadCitingPages{"SELECT ",
+                                " FROM wiki_pages WHERE branch = ? AND id IN ("
+                                "SELECT p.id FROM wiki_pages p, json_each(p.source_files) j"
+                                " WHERE p.branch = ? AND replace(j.value, char(92), '/') IN (",
+                                "))" TESSALY_ORDER_BY_IMPORTANCE};
 
 }  // namespace
 
 Owned wiki_pages_citing(const Call& call, Handle branch, Handle paths) {
   const Owned wanted = normalise_paths(call, paths);
-  const Py_ssize_t count = PyList_GET_SIZE(wanted.ptr());
-  if (count == 0) return Owned::steal(PyList_New(0));
-  const Owned statement = page_statement(call, kReadCitingPages, count);
-  const Owned parameters = Owned::steal(PySequence_Concat(
-      py::tuple(branch, branch).ptr(), Owned::steal(PyList_AsTuple(wanted.ptr())).ptr()));
-  const Owned rows = host::fetchall(call, statement, parameters);
-  return py::list_of(rows, [&](const Owned& row) { return to_page(call, row); });
+  const std::size_t count = py::tuple_size(wanted);
+  if (count == 0) return py::new_list();
+  const Owned statement = call.text(kReadCitingPages, host::page_columns(call), count);
+  const Owned rows = host::fetchall(call, statement, py::joined(py::tuple(branch, branch), wanted));
+  return py::list_of(rows, [&](const Owned& row) { return host::page_record(call, row); });
 }
 
-constexpr py::Text kDeletePage{"DELETE FROM wiki_pages WHERE branch = ? AND page_id = ?"};
+namespace {
+
+const py::Text kUpdatePage{
+    "UPDATE wiki_pages SET citations = ?, content_hash = ?, build_cache = ? WHERE id = ?"};
+
+const py::Text kReadChunks{"SELECT id, content, citations FROM wiki_chunks WHERE page_fk = ?"};
+
+const py::Text kUpdateChunk{"UPDATE wiki_chunks SET content = ?, citations = ? WHERE id = ?"};
+
+/// The stored citations of a chunk, each moved.
+Owned move_citations(const Call& call, Handle stored, Handle moves) {
+  return py::list_of(load_citations(call, stored), [&](const Owned& citation) {
+    return host::moved_citation(call, citation, moves);
+  });
+}
+
+}  // namespace
+
+Owned update_wiki_page_citations(const Call& call, Handle branch, Handle page_id, Handle citations,
+                                 Handle content_hash, Handle build_cache, Handle rewrite,
+                                 Handle moves) {
+  bool unknown_page = false;
+  host::transaction(call, [&](const host::Cursor& cursor) {
+    const Owned page = cursor.one(cursor.execute(kReadPageId, py::tuple(branch, page_id)));
+    unknown_page = page.is_none();
+    if (unknown_page) return;
+    py::drop(cursor.execute(kUpdatePage, [&] {
+      Owned citations_text = dump_citations(call, citations);
+      return py::tuple(std::move(citations_text), content_hash, build_cache, py::item(page, 0));
+    }));
+    // All rows are read before the first is changed.
+    const Owned chunks =
+        cursor.all(cursor.execute(kReadChunks, [&] { return py::tuple(py::item(page, 0)); }));
+    py::for_each(chunks, [&](const Owned& chunk) {
+      auto [chunk_id, content, stored] = py::unpack<3>(chunk);
+      const Owned moved = move_citations(call, stored, moves);
+      py::drop(
+          cursor.execute(kUpdateChunk, [&, chunk_id = Handle(chunk_id), content = Handle(content)] {
+            Owned rewritten = py::call(rewrite, content);
+            Owned moved_text = dump_citations(call, moved);
+            return py::tuple(std::move(rewritten), std::move(moved_text), chunk_id);
+          }));
+    });
+  });
+  if (!unknown_page) drop_chunk_index(call, branch);
+  return Owned::none();
+}
+
+const py::Text kDeletePage{"DELETE FROM wiki_pages WHERE branch = ? AND page_id = ?"};
 
 Owned delete_wiki_page(const Call& call, Handle branch, Handle page_id) {
   std::optional<Owned> removed;
   host::transaction(call, [&](const host::Cursor& cursor) {
-    cursor.execute(call.text(kDeletePage), call.parameters(branch, page_id));
-    const Owned zero = py::integer(0);
-    removed = py::rich_compare(cursor.rowcount(), zero, Py_GT);
+    py::drop(cursor.execute(kDeletePage, py::tuple(branch, page_id)));
+    removed = py::greater(cursor.rowcount(), py::integer(0));
   });
   drop_chunk_index(call, branch);
-  if (!removed)  // the exit swallowed an error, and there is nothing to answer
-    py::raise(PyExc_UnboundLocalError,
-              "cannot access local variable 'removed' where it is not associated with a value");
+  if (!removed) py::raise_unbound_local("removed");  // the exit swallowed an error
   return std::move(*removed);
 }
 

@@ -1,0 +1,60 @@
+#include "host/chunk_index.h"
+
+#include "py/source.h"
+
+namespace tessaly::host {
+
+using py::Handle;
+using py::Owned;
+
+Owned embedding_index(const Call& call, Handle dimension, Handle vectors) {
+  Owned index = py::call(call.global(call.names().EmbeddingIndex), dimension);
+  py::drop(py::call_method(index, call.names().load, vectors));
+  return index;
+}
+
+Owned chunk_words(const Call& call, Handle rows) {
+  const Owned words = call.global(call.names().ChunkWords);
+  const Owned build = py::attribute(words, call.names().build);
+  return py::call(build, py::call(call.chunk_rows(), rows));
+}
+
+Owned chunk_index(const Call& call, Handle generation, Handle dimension, Handle index,
+                  Handle chunks, Handle words) {
+  const Owned type = call.global(call.names().WikiChunkIndex);
+  const Names& names = call.names();
+  const Owned fields =
+      py::record<5>({names.generation, names.dimension, names.index, names.chunks, names.words},
+                    {Owned::borrow(generation), Owned::borrow(dimension), Owned::borrow(index),
+                     Owned::borrow(chunks), Owned::borrow(words)});
+  return Owned::steal(PyObject_Call(type.ptr(), py::tuple().ptr(), fields.ptr()));
+}
+
+Owned generation(const Call& call, Handle cached) {
+  return py::attribute(cached, call.names().generation);
+}
+
+Owned dimension(const Call& call, Handle cached) {
+  return py::attribute(cached, call.names().dimension);
+}
+
+Owned chunk(const Call& call, Handle cached, Handle chunk_id) {
+  return py::item(py::attribute(cached, call.names().chunks), chunk_id);
+}
+
+Owned ranked(const Call& call, Handle cached, Handle query_embedding, Handle top_k, Handle terms) {
+  return py::call_method(cached, call.names().ranked, query_embedding, top_k, terms);
+}
+
+Owned define_chunk_rows(Handle module_namespace) {
+  static constexpr char kSource[] = R"(def define(int, str):
+    def chunk_rows(rows):
+        return ((int(row[0]), row[2], str(row[3])) for row in rows)
+    return chunk_rows
+)";
+  const Owned define = py::define("define", kSource, __FILE__, __LINE__ - 5, module_namespace);
+  return py::call(define, reinterpret_cast<PyObject*>(&PyLong_Type),
+                  reinterpret_cast<PyObject*>(&PyUnicode_Type));
+}
+
+}  // namespace tessaly::host

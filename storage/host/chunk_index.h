@@ -1,0 +1,33 @@
+#pragma once
+
+#include "call.h"
+
+/// The host's indexes of a branch's chunks: EmbeddingIndex, ChunkWords, and WikiChunkIndex, which
+/// holds both with the chunks themselves.
+namespace tessaly::host {
+
+/// `EmbeddingIndex(dimension)`, loaded with the pairs of chunk id and embedding.
+py::Owned embedding_index(const Call& call, py::Handle dimension, py::Handle vectors);
+
+/// `ChunkWords.build` of a generator of (chunk id, heading, text), a triple a row.
+py::Owned chunk_words(const Call& call, py::Handle rows);
+
+/// `WikiChunkIndex(generation=..., dimension=..., index=..., chunks=..., words=...)`.
+py::Owned chunk_index(const Call& call, py::Handle generation, py::Handle dimension,
+                      py::Handle index, py::Handle chunks, py::Handle words);
+
+/// `cached.generation` and `cached.dimension`.
+py::Owned generation(const Call& call, py::Handle cached);
+py::Owned dimension(const Call& call, py::Handle cached);
+
+/// `cached.chunks[chunk_id]`.
+py::Owned chunk(const Call& call, py::Handle cached, py::Handle chunk_id);
+
+/// `cached.ranked(query_embedding, top_k, terms)`: the hits, best first.
+py::Owned ranked(const Call& call, py::Handle cached, py::Handle query_embedding, py::Handle top_k,
+                 py::Handle terms);
+
+/// For the module's state: the function that makes the generator of `chunk_words`.
+py::Owned define_chunk_rows(py::Handle module_namespace);
+
+}  // namespace tessaly::host
