@@ -111,14 +111,14 @@ PyObject* call_method(std::size_t number, PyObject* function, PyObject* const* p
                       std::size_t flags_and_count, PyObject* keyword_names) noexcept {
   return py::guarded([&] {
     PyObject* module = module_behind(function);
-    if (module == nullptr ||
-        state_of(module).methods[number].code.ptr() != PyFunction_GET_CODE(function))
+    if (module == nullptr) return call_as_python(function, passed, flags_and_count, keyword_names);
+    ModuleState& state = state_of(module);
+    const ModuleState::Method& method = state.methods[number];
+    if (method.code.ptr() != PyFunction_GET_CODE(function))
       return call_as_python(function, passed, flags_and_count, keyword_names);
 
     const Owned held = Owned::borrow(module);  // whatever becomes of the function meanwhile
-    ModuleState& state = state_of(module);
     const RecursionGuard guard(state.calls_in_progress);
-    const ModuleState::Method& method = state.methods[number];
     const Parameters& parameters = method.row->parameters;
     const auto count = static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count));
     if (keyword_names == nullptr && count == parameters.count && count == parameters.positional)

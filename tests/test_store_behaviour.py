@@ -2,13 +2,16 @@
 
 from __future__ import annotations
 
+import inspect
 import json
 import unittest
+import weakref
 from typing import Any
 from unittest import mock
 
 from tessaly.storage import repository_wiki as native_store
 from tessaly.storage.repository import Repository
+from tessaly.storage.vector_codec import stored_vectors
 from tests.support import CALLS_OF_THE_STORE, CITED, NEW_CHUNKS, DatabaseTestCase, fill, refresh
 
 
@@ -107,6 +110,44 @@ class OnSqlite(DatabaseTestCase):
         self.assertEqual(store.update_wiki_chunk_embeddings("other", [[4, V]], "n"), 1)
         self.assertEqual(store.wiki_chunk_dimension("other"), 3)
         self.assertIsNone(store.wiki_chunk_dimension("none"))
+
+    def test_no_codec_is_alive_while_the_next_value_is_converted(self) -> None:
+        class Codec:
+            def __init__(self, _db: Any) -> None:
+                alive.append(weakref.ref(self))
+
+            def encode(self, _embedding: Any) -> bytes:
+                return b""
+
+        class Count:
+            def __int__(self) -> int:
+                return sum(codec() is not None for codec in alive)
+
+        alive: list[Any] = []
+        with mock.patch.object(native_store, "stored_vectors", Codec):
+            self.store.replace_wiki_chunks(1, "main", [chunk(token_count=Count())] * 2, "m")
+        self.assertEqual(self.rows("token_count", where="page_fk = 1"), [(0,), (0,)])
+        self.assertEqual(len(alive), 2)
+
+    def test_the_words_are_built_from_a_generator(self) -> None:
+        class Greedy:
+            def __int__(self) -> int:
+                return next(given[0])[0] if given else 1
+
+        def build(rows: Any) -> str:
+            given.append(rows)
+            with self.assertRaisesRegex(ValueError, "^generator already executing$"):
+                next(rows)
+            return "words"
+
+        given: list[Any] = []
+        row = (Greedy(), 1, None, 5, None, stored_vectors(self.database).encode(V))
+        names = {"ChunkWords": mock.Mock(build=build), "EmbeddingIndex": mock.Mock()}
+        self.store.db = mock.Mock(**{"fetchall.return_value": [row]})
+        with mock.patch.multiple(native_store, WikiChunkIndex=dict, **names):
+            self.assertEqual(self.store._wiki_chunk_index("main")["words"], "words")
+        self.assertTrue(inspect.isgenerator(given[0]))
+        self.assertIsNone(given[0].close())
 
     def test_a_search_reads_the_chunks_once_until_they_or_the_index_change(self) -> None:
         store = self.store

@@ -2,22 +2,19 @@
 
 from __future__ import annotations
 
-import copy
-import functools
+import builtins
 import gc
 import importlib
 import inspect
 import itertools
 import logging
 import pickle
-import pydoc
 import subprocess
 import sys
 import textwrap
 import types
 import unittest
 import weakref
-import zlib
 from typing import Any
 from unittest import mock
 
@@ -25,7 +22,7 @@ from benchmarks.plain_store import PlainWikiStore
 from tessaly.storage import repository_wiki
 from tessaly.storage.database import Database
 from tessaly.storage.repository_wiki import WikiStore
-from tests.support import StoreTestCase, describe, not_leak_checked
+from tests.support import StoreTestCase, not_leak_checked
 
 Text = type("Text", (str,), {})
 NAME = "tessaly.storage.repository_wiki"
@@ -215,6 +212,43 @@ class Life(StoreTestCase):
             finally:
                 sys.modules[module.__name__] = module
                 setattr(module, name, value)
+
+    def test_importing_asks_for_what_it_binds_and_nothing_else(self) -> None:
+        asked: list[str] = []
+        real = builtins.__import__
+
+        def guard(name: str, *given: Any) -> Any:
+            asked.append(name)
+            return real(name, *given)
+
+        with mock.patch.object(builtins, "__import__", guard):
+            self.import_anew()
+        home = "tessaly.storage."
+        modules = "database vector_codec vector_index wiki_chunk_words wiki_rows".split()
+        bound = ["json", "logging", "collections.abc", "typing", *(home + one for one in modules)]
+        self.assertEqual(asked, bound)
+
+    def test_names_that_a_host_module_takes_away_while_the_store_is_imported(self) -> None:
+        class Taking(types.ModuleType):
+            def __getattr__(self, name: str) -> Any:
+                sys.modules[NAME].__dict__.pop(taken, None)
+                return getattr(rows, name)
+
+        rows = sys.modules["tessaly.storage.wiki_rows"]
+        sys.modules[rows.__name__] = taking = Taking(rows.__name__)
+        self.addCleanup(sys.modules.__setitem__, rows.__name__, rows)
+        taking.moved_citation, taking.row_to_wiki_page = rows.moved_citation, rows.row_to_wiki_page
+        for taken in ("Database", "WikiChunkIndex", "Any"):
+            missing = f"^name '{taken}' is not defined$"
+            self.assertRaisesRegex(NameError, missing, self.import_anew)
+        taken = "json"
+        again = self.import_anew()
+        store = again.WikiStore()
+        store.db = mock.MagicMock()
+        store.upsert_wiki_page("b", "p", "t")
+        given = {"content_hash": None, "build_cache": None, "rewrite": str, "moves": {}}
+        with self.assertRaisesRegex(NameError, "^name 'json' is not defined$"):
+            store.update_wiki_page_citations("b", "p", citations=[], **given)
 
     @not_leak_checked("the subject runs in a process of its own")
     def test_methods_that_call_each_other_without_end_raise_a_recursion_error(self) -> None:

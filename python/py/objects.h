@@ -80,14 +80,14 @@ inline Owned greater(Handle left, Handle right) {
 }
 
 /// `int(object)`, the object itself when it is an exact int.
-inline Owned to_int(Handle object) {
-  if (PyLong_CheckExact(object.ptr())) return Owned::borrow(object);
+inline Owned to_int(Owned object) {
+  if (PyLong_CheckExact(object.ptr())) return object;
   return Owned::steal(PyNumber_Long(object.ptr()));
 }
 
 /// `str(object)`, the object itself when it is an exact str.
-inline Owned to_str(Handle object) {
-  if (PyUnicode_CheckExact(object.ptr())) return Owned::borrow(object);
+inline Owned to_str(Owned object) {
+  if (PyUnicode_CheckExact(object.ptr())) return object;
   return Owned::steal(PyObject_Str(object.ptr()));
 }
 

@@ -76,8 +76,9 @@ Owned wiki_chunk_texts(const Call& call, Handle branch) {
   return py::list_of(rows, [&](const Owned& row) {
     Owned id = py::to_int(py::item(row, 0));
     Owned page_id = py::to_str(py::item(row, 1));
-    const Owned stored_title = py::item(row, 2);
-    Owned title = py::to_str(py::truth(stored_title) ? Handle(stored_title) : call.text(kNoTitle));
+    Owned stored_title = py::item(row, 2);
+    Owned title = py::to_str(py::truth(stored_title) ? std::move(stored_title)
+                                                     : Owned::borrow(call.text(kNoTitle)));
     Owned heading = py::to_str(py::item(row, 3));
     return py::tuple(std::move(id), std::move(page_id), std::move(title), std::move(heading),
                      py::to_str(py::item(row, 4)));
