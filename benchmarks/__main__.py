@@ -13,7 +13,7 @@ from typing import Any, NoReturn
 import tessaly.storage.repository_wiki as native
 from benchmarks import plain_store, ranking, startup, trivial_host
 from benchmarks.timing import best_of, progress, readable
-from benchmarks.workloads import WORKLOADS, Workload, prepare_real, prepare_trivial
+from benchmarks.workloads import MEAN_LIMITS, WORKLOADS, Workload, prepare_real, prepare_trivial
 from tessaly.storage.database import Database
 
 STORES = (native.WikiStore, plain_store.PlainWikiStore)
@@ -50,7 +50,7 @@ def table(title: str, host: int, chosen: list[Workload], seconds: float) -> None
             f"{limit:9.2f}{'' if ratio <= limit else '  over'}"
         )
     print(f"{'geometric mean':54}{math.exp(sum(map(math.log, ratios)) / len(ratios)):8.2f}", end="")
-    print(f"{0.50:9.2f}" if host == 0 and chosen == WORKLOADS else "")
+    print(f"{MEAN_LIMITS[host]:9.2f}" if chosen == WORKLOADS else "")
 
 
 class Parser(argparse.ArgumentParser):
