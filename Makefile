@@ -42,8 +42,8 @@ sanitize: ## every test under AddressSanitizer and UndefinedBehaviorSanitizer
 memcheck: build ## the store's tests under valgrind, where it is installed (slow)
 	@BUILD="$(BUILD)" PYTHON="$(python)" tools/memcheck.sh
 
-soak: build ## the long versions of the tests of threads, processes and random data
-	@TESSALY_SOAK=1 ctest --test-dir "$(BUILD)" --output-on-failure -R 'store_(threads|processes|json|hostile)'
+soak: build ## the long versions of the tests of threads and of random data
+	@TESSALY_SOAK=1 ctest --test-dir "$(BUILD)" --output-on-failure -R 'store_(concurrency|json)'
 
 wheel: ## the module, its stub and py.typed as a wheel in dist/ (needs scikit-build-core)
 	@test -n "$(python)"

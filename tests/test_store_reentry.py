@@ -1,8 +1,11 @@
-"""Hosts that reach into the store while it calls them: the outcome is that of Python code."""
+"""Hosts that reach into the store while it calls them, and objects that do so in their special
+methods: the outcome is that of Python code."""
 
 from __future__ import annotations
 
 import gc
+import itertools
+import operator
 import types
 import unittest
 from collections.abc import Callable
@@ -10,7 +13,7 @@ from typing import Any
 
 from benchmarks.plain_store import PlainWikiStore
 from tessaly.storage import repository_wiki as native_store
-from tests.support import CALLS_OF_THE_STORE, DatabaseTestCase, Named, Run
+from tests.support import CALLS_OF_THE_STORE, Case, DatabaseTestCase, Host, Named, Run
 
 Act = Callable[[Run], None]
 WRITTEN = [{"content": "new", "embedding": [9.0] * 3}]
@@ -146,6 +149,88 @@ class Reentry(DatabaseTestCase):
 
         rows: Any = {"row_type": list if at % 2 else tuple}
         self.same_outcome(case, interfere, lambda run: vars(run.host).update(rows))
+
+
+class Biting:
+    """A value whose special methods are calls of the host, which may do harm at each of them."""
+
+    def __init__(self, host: Host, value: Any) -> None:
+        self.host = host
+        self.value = value
+
+    def __hash__(self) -> int:
+        return hash(self.value)
+
+    def replace(self, *given: str) -> Biting:
+        return Biting(self.host, self.host.report("replace", self.value.replace, *given))
+
+
+class Path(Biting, str):
+    """A path that is a str, with a ``replace`` of its own."""
+
+    def __new__(cls, _host: Host, text: str) -> Path:
+        return str.__new__(cls, text)
+
+
+def stop(_run: Run) -> None:
+    raise StopIteration("bitten")
+
+
+def bite(special: str, answer: Callable[..., Any]) -> Callable[..., Any]:
+    return lambda self, *given: self.host.report(special, answer, self.value, *given)
+
+
+for special, answer in {
+    "__getitem__": operator.getitem,
+    "__iter__": iter,
+    "__len__": lambda _value: -1,
+    "__bool__": bool,
+    "__eq__": operator.eq,
+    "__lt__": lambda _value, _other: NotImplemented,
+    "__gt__": lambda _value, _other: "odd truth",
+    "__round__": lambda value, digits: (value, digits),
+    "__int__": int,
+    "__str__": str,
+}.items():
+    setattr(Biting, special, bite(special, answer))
+
+
+class Bites(DatabaseTestCase):
+    """Rows, hits, generations and arguments whose special methods fail, or empty what is read."""
+
+    def test_biting_objects_in_every_place(self) -> None:
+        draw = self.random("bites")
+        harm = ("empty answers", "empty arguments", "empty the instance", "collect")
+        ways = ((True, None), (False, None), (True, Path), (True, Biting))
+        for case, (parts, given) in itertools.product(CALLS_OF_THE_STORE, ways):
+            for at in itertools.count(1):
+                for act in (stop, ACTS[draw.choice(harm)]):
+                    with self.subTest(case[0][0], parts=parts, given=given, at=at):
+                        run = self.bitten(case, act, at, parts, given)
+                if self.repeating or at > len(run.host.calls):  # the act was not reached
+                    break
+
+    def bitten(self, case: Case, act: Any, at: int, parts: bool, given: Any) -> Run:
+        """A run with biting rows, or cells of rows, and perhaps arguments; the act at one call."""
+
+        def prepare(run: Run) -> None:
+            def biting(value: Any) -> Any:
+                return value if isinstance(value, bytes) else Biting(run.host, value)
+
+            def argument(value: Any) -> Any:
+                listed = isinstance(value, list) and given is Path
+                return [Path(run.host, each) for each in value] if listed else biting(value)
+
+            run.host.cell_type = biting
+            run.host.row_type = (lambda row: tuple(map(biting, row))) if parts else biting
+            if given is not None:
+                run.arguments = tuple(map(argument, run.arguments))
+
+        def interfere(run: Run, number: int, _name: str) -> None:
+            if number == at:
+                act(run)
+
+        return self.same_outcome(case, interfere, prepare)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,78 @@
+"""Many threads on one repository, and interpreters with locks of their own side by side."""
+
+from __future__ import annotations
+
+import _interpreters
+import itertools
+import sys
+import tempfile
+import textwrap
+import time
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+from tessaly.storage.database import Database
+from tessaly.storage.repository import Repository
+from tests.support import SOAK, StoreTestCase, not_leak_checked
+
+TURN = """
+    page = store.upsert_wiki_page("b", {page!r}, "t", symbols=["é", turn])
+    chunk = dict(heading=str(turn), content={page!r}, embedding=[turn, 1.0], citations=[turn])
+    assert store.replace_wiki_chunks(page, "b", [chunk] * (2 + turn % 5), "m") == 2 + turn % 5
+    hits = store.search_wiki_chunks([turn, 1.0], "b", 99, terms=[{page!r}])
+    for page_id in set(hit["page_id"] for hit in hits):
+        found = [hit["citations"] for hit in hits if hit["page_id"] == page_id]
+        assert len(found) == 2 + found[0][0] % 5 and found == [found[0]] * len(found), found
+    store.bump_wiki_changed("b", 1)
+    assert store.get_wiki_page("b", {page!r})["symbols"] == ["é", turn]
+"""
+ALONE = """
+    import sys
+    sys.path[:] = {path!r}
+    from tessaly.storage.database import Database
+    from tessaly.storage.repository import Repository
+    store = Repository(Database(":memory:"))
+    for turn in range({turns}): exec({code!r})
+"""
+
+
+class Concurrency(StoreTestCase):
+    @not_leak_checked("threads and their connections come and go while memory is counted")
+    def test_threads_on_one_repository_see_each_write_whole(self) -> None:
+        until = time.monotonic() + (60 if SOAK else 2)
+
+        def work(number: int) -> int:
+            code = compile(textwrap.dedent(TURN.format(page=f"page{number}")), "turn", "exec")
+            for turn in itertools.count():
+                exec(code, {"store": store, "turn": turn})
+                if time.monotonic() > until:
+                    return turn + 1
+
+        self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
+        sys.setswitchinterval(1e-5)
+        with tempfile.TemporaryDirectory() as folder, Database(Path(folder, "wiki.db")) as database:
+            store = Repository(database)
+            with ThreadPoolExecutor(4) as pool:
+                turns = list(pool.map(work, range(4)))
+            self.assertEqual(store.get_wiki_state("b")["changed_since_build"], sum(turns))
+
+    @not_leak_checked("interpreters take memory of their own")
+    def test_interpreters_work_side_by_side_and_end_alone(self) -> None:
+        def live(number: int) -> object:
+            mine = _interpreters.create("isolated")
+            try:  # the first ones are gone long before the last
+                code = textwrap.dedent(TURN.format(page="p"))
+                turns = (1000 if SOAK else 60) * (number + 1)
+                source = textwrap.dedent(ALONE).format(path=sys.path, turns=turns, code=code)
+                return _interpreters.exec(mine, source)
+            finally:
+                _interpreters.destroy(mine)
+
+        with ThreadPoolExecutor(4) as pool:
+            failed = list(pool.map(live, range(4)))
+        self.assertEqual([error and error.formatted for error in failed], [None] * 4)
+
+
+if __name__ == "__main__":
+    unittest.main()
