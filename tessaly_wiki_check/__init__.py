@@ -1,6 +1,6 @@
-"""Checks whether a host package and its database give the wiki store what it calls on.
+"""Checks a host of the wiki store against what the store asks of it.
 
-``python -m tessaly_wiki_check HOST_MODULE:FACTORY`` prints what holds, what does not and what to
-do about it; ``docs/host-contract.md`` states the contract. ``cli`` finds the host and prints,
-``checks`` holds the list of checks, each a function over a ``Host``.
+FACTORY returns a repository. It is called several times: without an argument, or, when it requires
+one, with the path of a database file in a temporary folder. A database that is in use may be
+checked: the rows of the checks stand in branches of their own and are deleted.
 """

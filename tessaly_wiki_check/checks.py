@@ -1,72 +1,79 @@
-"""What a check is, and how one runs: on rows of its own, which are gone afterwards."""
+"""What a check is, and how the checks run: on rows of their own, none on what failed before it."""
 
-from __future__ import annotations
-
+import contextlib
 import textwrap
 import traceback
 from collections.abc import Callable, Iterator
-from dataclasses import dataclass
+from typing import Any, NamedTuple
 
 from tessaly_wiki_check.host import Host
 
+# What a probe looked at, what it saw and what it should have seen; where this is True, the first
+# says what should be so.
+Seen = Iterator[tuple[str, Any, Any]]
+Probe = Callable[[Host], Seen]
 
-class Broken(Exception):
-    """Raised by a check: its text says what was seen instead of what should be."""
 
+class Check(NamedTuple):
+    """``needs`` names the checks without which the probe would show nothing."""
 
-@dataclass(frozen=True, slots=True)
-class Check:
-    """``title`` says what holds, ``advice`` in a sentence what to do when it does not."""
-
+    name: str
     title: str
+    needs: list[str]
     advice: str
-    run: Callable[[Host], None]
+    probe: Probe
 
 
-class CheckList:
-    """The checks of one subject, in the order of their definition."""
-
-    def __init__(self) -> None:
-        self._checks: list[Check] = []
-
-    def check(self, title: str, advice: str) -> Callable[[Callable[[Host], None]], None]:
-        """Makes the decorated function a check; it raises whatever shows that it fails."""
-
-        def add(run: Callable[[Host], None]) -> None:
-            self._checks.append(Check(title, advice, run))
-
-        return add
-
-    def __iter__(self) -> Iterator[Check]:
-        return iter(self._checks)
+CHECKS: list[Check] = []  # in the order of their definition
 
 
-def expect(holds: bool, otherwise: str) -> None:
-    """Raises ``Broken`` with the text ``otherwise`` unless ``holds``."""
-    if not holds:
-        raise Broken(otherwise)
+def check(needs: str, advice: str) -> Callable[[Probe], None]:
+    """Makes the decorated probe a check, by its name, with its docstring as the title."""
+    return lambda probe: CHECKS.append(
+        Check(probe.__name__, str(probe.__doc__)[:-1], needs.split(), advice, probe)
+    )
 
 
-def run_check(check: Check, host: Host) -> str | None:
-    """Runs a check and clears its rows. None when it holds, else what was seen."""
+def outcomes(host: Host) -> Iterator[tuple[Check, str, str]]:
+    """Runs the checks: each with "ok", "FAIL" and what was seen, or "skip" and the reason."""
+    reasons: dict[str, str] = {}
+    for check in CHECKS:
+        text = next((reasons[name] for name in check.needs if name in reasons), "")
+        word = "skip" if text else "ok"
+        if not text and (text := textwrap.shorten(_fault(check, host), 500, placeholder=" ...")):
+            word = "FAIL"
+        if text:
+            reasons[check.name] = text if word == "skip" else f"because of: {check.title}"
+        yield check, word, text
+
+
+def _fault(check: Check, host: Host) -> str:
+    text = ""
+    host.begin()
     try:
-        check.run(host)
-        seen = None
-    except Broken as error:
-        seen = str(error)
-    except Exception as error:
-        seen = what_happened(error)
-    try:
+        for what, seen, wanted in check.probe(host):
+            if repr(seen) != repr(wanted):  # which tells 1 from True and from 1.0
+                instead = f"{what}: {seen!r}, not {wanted!r}"
+                text = f"not so: {what}" if wanted is True else instead
+                break
+    except (Exception, SystemExit) as error:
+        text = what_happened(error)
+    with contextlib.suppress(Exception):
+        if text:
+            host.renew()  # here, where no traceback holds on to the old connection any more
         host.clear()
-    except Exception as error:
-        seen = seen or f"its rows could not be deleted: {what_happened(error)}"
-    return seen and textwrap.shorten(seen, 500, placeholder=" ...")
+    return text
+
+
+def raises(call: Callable[..., Any], *arguments: Any) -> bool:
+    with contextlib.suppress(Exception):
+        call(*arguments)
+        return False
+    return True
 
 
 def what_happened(error: BaseException) -> str:
     """The error in one line, with the place where it was raised."""
     text = " ".join("".join(traceback.format_exception_only(error)).split())
-    frames = traceback.extract_tb(error.__traceback__)
-    if not frames:
-        return text
-    return f"{text} (in {frames[-1].name}, {frames[-1].filename}:{frames[-1].lineno})"
+    frames = traceback.extract_tb(error.__traceback__)[-1:]
+    return text + "".join(f" (in {at.name}, {at.filename}:{at.lineno})" for at in frames)

@@ -1,84 +1,76 @@
-"""The host under check: its repository, and a branch of its own for the rows of a check."""
+"""The host under check: its repositories, and branches of its own for the rows of a check."""
 
-from __future__ import annotations
-
+import functools
+import gc
+import importlib
 import uuid
-from collections.abc import Sequence
+from collections.abc import Callable
 from typing import Any
 
+_STATE = (
+    "INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build, model,"
+    " page_count, manifest_hash) VALUES (?, 'then', 'abc', 1, 'check', 1, 'def')"
+)
 _TABLES = ("wiki_chunks", "wiki_pages", "wiki_state")
 
 
 class Host:
-    """A repository object and a scratch branch, whose name no repository has.
+    """What a factory makes, and scratch branches, whose names no repository has.
 
-    Args:
-        repository: The object under check.
-        dimension: Length of the embeddings that are stored, 2 or more.
+    ``citation`` is one of lines 1 to 3 of a.py, ``store`` the module that reads the host's names.
     """
 
-    def __init__(self, repository: Any, dimension: int = 8) -> None:
-        self.repository = repository
-        self.dimension = dimension
-        self.branch = f"tessaly-wiki-check-{uuid.uuid4().hex[:12]}"
+    def __init__(self, make: Callable[[], Any], dimension: int = 8, citation: Any = None) -> None:
+        self.make, self.dimension = make, dimension
+        self.citation = citation or {"path": "a.py", "start": 1, "end": 3, "note": "kept"}
+        self.repository, self._branches = (made := make()), list[str]()
+        self.store: Any = importlib.import_module("tessaly.storage.repository_wiki")
+        if not (isinstance(made, self.store.WikiStore) and hasattr(made, "db")):
+            raise TypeError(f"{made!r} has no WikiStore among its bases, or no db")
+
+    @functools.cached_property
+    def other(self) -> Any:
+        return self.make()
 
     @property
     def db(self) -> Any:
         return self.repository.db
 
-    def codec(self) -> Any:
-        """The codec of the host's embeddings."""
-        # Imported late: a host that lacks it is a finding, not a failure of this program.
-        from tessaly.storage.vector_codec import stored_vectors
+    def begin(self) -> None:
+        """Takes new scratch branches: one, its name in capitals, and one of digits alone."""
+        name = uuid.uuid4()
+        self.branch = f"tessaly-wiki-check-{name.hex[:12]}"
+        self.capitals, self.digits = self.branch.upper(), f"0{name.int % 10**12:012}"
+        self._branches += [self.branch, self.capitals, self.digits]
 
-        return stored_vectors(self.db)
+    def renew(self) -> None:
+        """Opens the host anew: what broke a check may have left a transaction open."""
+        vars(self).pop("other", None)
+        self.repository = None
+        gc.collect()
+        self.repository = self.make()
 
-    def embedding(self, first: float, second: float) -> list[float]:
-        """An embedding in the plane of the first two axes."""
-        return [first, second] + [0.0] * (self.dimension - 2)
+    def read(self, statement: str, *parameters: Any) -> Any:
+        """The first value of the first row."""
+        return self.db.fetchone(statement, parameters)[0]
 
-    def page(self, page_id: str = "page", **fields: Any) -> int:
-        """Stores a page; its row id."""
-        title = f"Title of {page_id}"
-        return self.repository.upsert_wiki_page(self.branch, page_id, title, **fields)
-
-    def page_with_chunks(self) -> int:
-        """Stores a page with three chunks, the row id of which is returned.
-
-        Seen from the first axis the first chunk has cosine 1, the second 0.71 though it is the
-        longest, and the third 0; only the third holds the word "charlie".
-        """
-        page = self.page()
-        texts = ("alpha walks home", "bravo sleeps late", "charlie sings at night")
-        embeddings = (self.embedding(1, 0), self.embedding(4, 4), self.embedding(0, 2))
-        chunks = [
-            {"content": text, "embedding": embedding, "heading": text.split()[0]}
-            for text, embedding in zip(texts, embeddings)
-        ]
-        self.repository.replace_wiki_chunks(page, self.branch, chunks, "check")
-        return page
-
-    def write(self, statement: str, parameters: tuple[Any, ...]) -> None:
-        """Runs a statement in a transaction of its own."""
+    def write(self, statement: str, *parameters: Any) -> None:
         with self.db.transaction() as cursor:
             cursor.execute(statement, parameters)
 
-    def rows(self, statement: str, *parameters: Any) -> Sequence[Any]:
-        """All rows of a statement, read outside a transaction."""
-        return self.db.fetchall(statement, parameters)
+    def store_state(self, branch: str, cursor: Any = None) -> None:
+        """Stores a state that counts 1 change, in a transaction of its own or in a cursor's."""
+        (cursor.execute(_STATE, (branch,)) if cursor else self.write(_STATE, branch))
 
-    def count(self, table: str) -> int:
-        """How many rows of a table the scratch branch has."""
-        rows = self.rows(f"SELECT count(*) FROM {table} WHERE branch = ?", self.branch)
-        return list(rows)[0][0]
+    def page(self, page_id: str, branch: str, **fields: Any) -> int:
+        return self.repository.upsert_wiki_page(branch, page_id, "title", **fields)
 
-    def clear(self) -> None:
-        """Deletes the scratch branch's rows, with statements that rely on no key or cascade."""
+    def clear(self) -> list[str]:
+        """Deletes scratch rows, relying on no key; the branches that have some yet."""
+        scratch = f"branch IN ({', '.join('?' * len(self._branches))})"
         with self.db.transaction() as cursor:
             for table in _TABLES:
-                cursor.execute(f"DELETE FROM {table} WHERE branch = ?", (self.branch,))
+                cursor.execute(f"DELETE FROM {table} WHERE {scratch}", tuple(self._branches))
         self.repository.invalidate_wiki_chunk_index()
-
-    def left_behind(self) -> dict[str, int]:
-        """Rows of the scratch branch that are still there, by table."""
-        return {table: count for table in _TABLES if (count := self.count(table))}
+        union = " UNION ".join(f"SELECT branch FROM {table} WHERE {scratch}" for table in _TABLES)
+        return [row[0] for row in self.db.fetchall(union, (*self._branches,) * 3)]

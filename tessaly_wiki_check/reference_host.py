@@ -5,5 +5,4 @@ from tessaly.storage.repository import Repository
 
 
 def repository(path: str) -> Repository:
-    """A repository over a new database file at ``path``."""
     return Repository(Database(path))

@@ -1,148 +1,119 @@
-"""Embeddings: the codec, a branch's index, and the ranking of a search."""
+"""A branch's index: how it is built, and how it ranks by meaning and by words."""
 
-from __future__ import annotations
-
-import math
-from collections.abc import Sequence
 from typing import Any
 
-from tessaly_wiki_check.checks import CheckList, expect
+from tessaly_wiki_check.checks import Seen, check
 from tessaly_wiki_check.host import Host
+from tessaly_wiki_check.schema import TOLERANCE, chunk, in_plane
 
-VECTORS = CheckList()
-
-# Cosines of stored embeddings may be off by this much: a codec may keep fewer bits.
-_TOLERANCE = 0.02
-
-
-@VECTORS.check(
-    "the codec gives back what it stored",
-    "Let stored_vectors(db).decode return, for what encode returned and the database kept, a"
-    " sequence of as many floats in the same direction.",
+# Heading, text, cosine to the query, and length of the embedding. The cosines are neither in the
+# order of insertion nor in that of the dot products, and the words have an order of their own.
+_CHUNKS = (
+    ("harbour", "one zebra drank zebra milk in a harbour", -0.6, 0.3),
+    ("meadow", "grass and clover", 0.5, 0.9),
+    ("river", "some zebra lay in the bed of a slow water for many years", 0.96, 0.25),
+    ("stable", "zebra zebra zebra zebra", 0.8, 1.0),
+    ("marmalade", "jars and spoons", -0.96, 0.5),
+    (None, "quartz and more quartz", 0.28, 0.7),
+    ("tower", "bricks and mortar", 0.0, 0.6),
 )
-def _codec(host: Host) -> None:
-    host.page_with_chunks()
-    dimension = host.repository.wiki_chunk_dimension(host.branch)
-    expect(dimension == host.dimension, f"len() is {dimension!r} and not {host.dimension}")
-    statement = "SELECT embedding FROM wiki_chunks WHERE branch = ? ORDER BY id"
-    codec = host.codec()
-    decoded = [codec.decode(row[0]) for row in host.rows(statement, host.branch)]
-    cosines = [_cosine(vector, host.embedding(1, 0)) for vector in decoded]
-    expect(_close(cosines, [1.0, math.sqrt(0.5), 0.0]), f"the directions changed: {decoded!r}")
+_COSINES = {text: cosine for _, text, cosine, _ in _CHUNKS}
+_NEAREST = sorted(_COSINES, key=lambda text: -_COSINES[text])
+_BY_WORD = {"zebra": (3, 0, 2), "marmalade": (4,)}  # best first
 
 
-@VECTORS.check(
-    "index_generation stays equal while nothing replaces the index",
-    "Let index_generation() return a stored value that only a wholesale replacement of the index"
-    " changes, and that compares equal to itself when read again.",
-)
-def _generation(host: Host) -> None:
-    before = host.db.index_generation()
-    host.page_with_chunks()
-    after = host.db.index_generation()
-    expect(bool(before == after), f"storing a page moved it from {before!r} to {after!r}")
+def _index(host: Host, branch: str) -> Any:
+    """Stores the chunks in a branch, and gives the branch's index."""
+    chunks = [chunk(host, *rest) | {"heading": heading} for heading, *rest in _CHUNKS]
+    host.repository.replace_wiki_chunks(host.page("page", branch), branch, chunks, "check")
+    return host.repository._wiki_chunk_index(branch)
 
 
-@VECTORS.check(
-    "a branch's index is built, carries its fields and is kept",
-    "Let WikiChunkIndex take generation, dimension, index, chunks and words by keyword and keep"
-    " them as attributes, and let instances of the repository's class have a __dict__.",
-)
-def _index(host: Host) -> None:
-    page = host.page_with_chunks()
-    index = host.repository._wiki_chunk_index(host.branch)
-    seen = (index.dimension, index.generation == host.db.index_generation())
-    expect(seen == (host.dimension, True), "dimension or generation is not what was given")
-    chunks = [(fk, heading, text) for fk, heading, text, _ in index.chunks.values()]
-    expect(chunks[:1] == [(page, "alpha", "alpha walks home")], f"chunks reads {chunks!r}")
-    again = host.repository._wiki_chunk_index(host.branch)
-    expect(again is index, "it was built again though nothing changed")
+def _hits(host: Host, index: Any, top_k: int, terms: Any) -> list[Any]:
+    """What ranked gives for a query along the first axis, with the text for the chunk id."""
+    ranked = index.ranked(in_plane(host, 1.0, 0.5), top_k, terms)
+    assert isinstance(ranked, list), f"no list: {ranked!r}"
+    return [(index.chunks[key][2], similarity, fused) for key, similarity, fused in ranked]
 
 
-@VECTORS.check(
-    "ranked orders by cosine when there are no terms",
-    "Let ranked(query, top_k, terms) return a list of (chunk id, cosine, None), nearest first, at"
-    " most top_k of them, when terms is empty.",
-)
-def _by_meaning(host: Host) -> None:
-    host.page_with_chunks()
-    for top_k in (1, 2, 20):
-        hits = _hits(host, top_k, ())
-        expected = [("alpha", 1.0), ("bravo", math.sqrt(0.5)), ("charlie", 0.0)][:top_k]
-        names = [name for name, _ in expected]
-        expect([hit[0] for hit in hits] == names, f"top_k={top_k} gave {hits!r}, not {names!r}")
-        cosines = [hit[1] for hit in hits]
-        expect(
-            _close(cosines, [cosine for _, cosine in expected]), f"the cosines read {cosines!r}"
-        )
-        expect(all(hit[2] is None for hit in hits), f"a fused score is not None: {hits!r}")
+@check("page_key", "Return a stored value, which only a replacement of the whole index changes.")
+def generation(host: Host) -> Seen:
+    """index_generation stays equal while nothing replaces the index, for every repository."""
+    first = host.db.index_generation()
+    host.page("page", host.branch)
+    for again in (host.db.index_generation(), host.other.db.index_generation()):
+        yield f"{again!r} is equal to {first!r}", bool(again == first), True
 
 
-@VECTORS.check(
-    "ranked fuses meaning and words when there are terms",
-    "Let ranked return a fused score (a float) with every hit when terms are given, the highest"
-    " first, and the cosine also of a chunk that only the words found; without FTS5, None.",
-)
-def _by_words(host: Host) -> None:
-    host.page_with_chunks()
-    hits = _hits(host, 2, ("charlie",))
-    scores = [hit[2] for hit in hits]
-    if all(score is None for score in scores) and not has_fts5(host):
-        return
-    expect(all(type(score) is float for score in scores), f"the fused scores read {scores!r}")
-    expect(scores == sorted(scores, reverse=True), f"the order is not theirs: {scores!r}")
-    cosines = {hit[0]: hit[1] for hit in hits}
-    expect("charlie" in cosines, f"the only chunk with the word is not among the hits: {hits!r}")
-    expect(len(hits) <= 2, f"top_k=2 gave {len(hits)} hits")
-    expect(_close([cosines["charlie"]], [0.0]), f"its cosine reads {cosines['charlie']!r}")
+@check("generation values", "Keep all fields as given; read items once, with headings of None.")
+def index(host: Host) -> Seen:
+    """A branch's index is built, carries its fields and is kept."""
+    built, given = _index(host, host.branch), host.db.index_generation()
+    yield "its dimension", built.dimension, host.dimension
+    yield f"{built.generation!r} is its generation, {given!r}", built.generation == given, True
+    read = "SELECT id, page_fk, heading, content, citations FROM wiki_chunks WHERE branch = ?"
+    stored = {row[0]: tuple(row)[1:] for row in host.db.fetchall(read, (host.branch,))}
+    yield "its chunks", {key: tuple(value) for key, value in built.chunks.items()}, stored
+    yield "it is kept", host.repository._wiki_chunk_index(host.branch) is built, True
 
 
-@VECTORS.check(
-    "ranked takes any words",
-    "Quote each term for FTS5, so that none of its characters is query syntax.",
-)
-def _any_words(host: Host) -> None:
-    host.page_with_chunks()
-    for terms in (['"'], ["AND", "NOT"], ["a*", "(b", "c:d"], [""], ["\u00fc\u4e2d"]):
-        _hits(host, 3, terms)
+def _cosines(hits: list[Any]) -> Seen:
+    for text, similarity, _ in hits:
+        close = isinstance(similarity, float) and abs(similarity - _COSINES[text]) <= TOLERANCE
+        yield f"{similarity!r} is the cosine {_COSINES[text]} of {text!r}", close, True
 
 
-@VECTORS.check(
-    "a search gives records",
-    "Mend what the checks above name; a search puts these pieces together.",
-)
-def _search(host: Host) -> None:
-    host.page_with_chunks()
-    found = host.repository.search_wiki_chunks(host.embedding(3, 0), host.branch, 2)
-    contents = [record["content"] for record in found]
-    expect(contents == ["alpha walks home", "bravo sleeps late"], f"it found {contents!r}")
-    expect(found[0]["page_id"] == "page", f"the page is {found[0]['page_id']!r}")
+@check("index", "Return a list of the top_k hits (chunk id, cosine, None), the nearest first.")
+def meaning(host: Host) -> Seen:
+    """Without terms, ranked orders by cosine."""
+    built = _index(host, host.branch)
+    for top_k, terms in ((1, ()), (3, []), (20, ())):
+        hits = _hits(host, built, top_k, terms)
+        yield from _cosines(hits)
+        yield f"hits for top_k={top_k}", [text for text, _, _ in hits], _NEAREST[:top_k]
+        yield "fused scores", {fused for _, _, fused in hits}, {None}
 
 
-def has_fts5(host: Host) -> bool:
-    """Whether the host's SQLite has full-text search."""
-    return bool(host.rows("SELECT 1 FROM pragma_module_list WHERE name = ?", "fts5"))
+def _fused(host: Host, built: Any, top_k: int, word: str) -> Seen:
+    scores: dict[str, float] = {}
+    for ranking in (_NEAREST, [_CHUNKS[at][1] for at in _BY_WORD[word]]):
+        for rank, text in enumerate(ranking[:top_k], 1):
+            scores[text] = scores.get(text, 0.0) + 1 / (60 + rank)
+    hits = _hits(host, built, top_k, (word,))
+    found = [(text, fused and round(fused, 9)) for text, _, fused in hits]
+    fts5 = "SELECT count(*) FROM pragma_module_list WHERE name = 'fts5'"
+    if any(fused for _, fused in found) or host.read(fts5):
+        wanted = [(text, round(scores.get(text, 0.0), 9)) for text, _ in found]
+        yield f"scores for {word!r} with top_k={top_k}", found, wanted
+        # Hits beyond top_k may be cut off; of equal ones, either.
+        best = sorted((round(score, 9) for score in scores.values()), reverse=True)
+        yield "the best of them", [fused for _, fused in found], best[: max(top_k, len(found))]
 
 
-def _hits(host: Host, top_k: int, terms: Sequence[str]) -> list[tuple[Any, Any, Any]]:
-    """What ranked gives for a query along the first axis, with the heading for the chunk id."""
-    index = host.repository._wiki_chunk_index(host.branch)
-    ranked = index.ranked(host.embedding(3, 0), top_k, terms)
-    expect(isinstance(ranked, list), f"ranked gave a {type(ranked).__name__}, which is no list")
-    hits = []
-    for hit in ranked:
-        expect(len(hit) == 3, f"a hit has not three items: {hit!r}")
-        expect(hit[0] in index.chunks, f"{hit[0]!r} is no key of chunks")
-        expect(isinstance(hit[1], float), f"a similarity is {hit[1]!r}, which is no float")
-        hits.append((index.chunks[hit[0]][1], hit[1], hit[2]))
-    return hits
+@check("meaning", "Sum 1 / (60 + rank from 1) of top_k by cosine and top_k by BM25, headings too.")
+def fusion(host: Host) -> Seen:
+    """With terms, and FTS5, ranked fuses meaning and words by reciprocal rank."""
+    built = _index(host, host.branch)
+    for top_k, word in ((3, "zebra"), (2, "zebra"), (2, "marmalade")):
+        yield from _fused(host, built, top_k, word)
 
 
-def _cosine(one: Sequence[float], other: Sequence[float]) -> float:
-    return sum(x * y for x, y in zip(one, other)) / (math.hypot(*one) * math.hypot(*other) or 1.0)
+@check("fusion", "Let every hit carry the cosine of its embedding, whatever brought it up.")
+def word_similarity(host: Host) -> Seen:
+    """A hit that only its words brought up has its cosine."""
+    yield from _cosines(_hits(host, _index(host, host.branch), 3, ["zebra"]))
 
 
-def _close(found: Sequence[float], expected: Sequence[float]) -> bool:
-    return len(found) == len(expected) and all(
-        abs(x - y) <= _TOLERANCE for x, y in zip(found, expected)
-    )
+@check("index", "Quote each term for FTS5, so that none of its characters is query syntax.")
+def any_words(host: Host) -> Seen:
+    """ranked takes any words."""
+    built = _index(host, host.branch)
+    for terms in (['"'], ["AND", "NOT"], ["a*", "(b", "c:d"], ["", "-"], ["\u00fc\u4e2d", "^x"]):
+        yield f"hits for {terms!r}, at least", min(3, len(_hits(host, built, 3, terms))), 3
+
+
+@check("fusion", "Let each index have embeddings and words of its own: several are in use.")
+def branches(host: Host) -> Seen:
+    """The indexes of two branches do not disturb each other."""
+    for one in [_index(host, branch) for branch in (host.branch, host.digits)]:
+        yield from _fused(host, one, 3, "zebra")
