@@ -11,7 +11,6 @@ from tessaly_wiki_check.host import Host
 # What a probe looked at, what it saw and what it should have seen; where this is True, the first
 # says what should be so.
 Seen = Iterator[tuple[str, Any, Any]]
-Probe = Callable[[Host], Seen]
 
 
 class Check(NamedTuple):
@@ -21,13 +20,13 @@ class Check(NamedTuple):
     title: str
     needs: list[str]
     advice: str
-    probe: Probe
+    probe: Callable[[Host], Seen]
 
 
 CHECKS: list[Check] = []  # in the order of their definition
 
 
-def check(needs: str, advice: str) -> Callable[[Probe], None]:
+def check(needs: str, advice: str) -> Callable[[Any], None]:
     """Makes the decorated probe a check, by its name, with its docstring as the title."""
     return lambda probe: CHECKS.append(
         Check(probe.__name__, str(probe.__doc__)[:-1], needs.split(), advice, probe)
@@ -59,9 +58,9 @@ def _fault(check: Check, host: Host) -> str:
     except (Exception, SystemExit) as error:
         text = what_happened(error)
     with contextlib.suppress(Exception):
-        if text:
+        if text or raises(host.clear):
             host.renew()  # here, where no traceback holds on to the old connection any more
-        host.clear()
+            host.clear()
     return text
 
 
@@ -73,7 +72,6 @@ def raises(call: Callable[..., Any], *arguments: Any) -> bool:
 
 
 def what_happened(error: BaseException) -> str:
-    """The error in one line, with the place where it was raised."""
     text = " ".join("".join(traceback.format_exception_only(error)).split())
     frames = traceback.extract_tb(error.__traceback__)[-1:]
     return text + "".join(f" (in {at.name}, {at.filename}:{at.lineno})" for at in frames)

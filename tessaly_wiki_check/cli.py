@@ -72,6 +72,8 @@ def _factory(name: str, path: str) -> Callable[[], Any]:
         if f"{module}.".startswith(f"{error.name}."):
             raise _Usage(f"there is no module {error.name} on the path") from error
         raise
+    finally:
+        _package(name)  # before anything is called that is not the host's
     for values in ((), (path,)):
         if factory and not raises(lambda: inspect.signature(factory).bind(*values)):
             return lambda: factory(*values)
@@ -91,7 +93,6 @@ def _package(factory: str) -> str:
 
 
 def _report(host: Host) -> int:
-    """Runs all checks and prints a line for each, two more for one that fails."""
     words, left = [], []
     try:
         for check, word, text in outcomes(host):

@@ -17,6 +17,8 @@ COLUMNS = {
     "wiki_state": ["branch", "changed_since_build", "page_count", *STATE],
 }
 SHAPE = 'SELECT lower(name), "notnull" AND NOT pk, dflt_value FROM pragma_table_info(?)'
+_REFERENCES = "SELECT lower(\"table\"), coalesce(lower(\"to\"), 'id')"
+_REFERENCES += ' FROM pragma_foreign_key_list(?) WHERE lower("from") = ?'
 _READ = "SELECT branch, changed_since_build, NULL FROM wiki_state WHERE branch = ?"
 _ADD = "UPDATE wiki_state SET changed_since_build = changed_since_build + ? WHERE branch = ?"
 _TWO_ROWS, _TEXT = "VALUES (?, ?, NULL), (0, '', NULL)", " T\u00e9xt \U0001f511\n"
@@ -50,12 +52,12 @@ def fetchall(host: Host) -> Seen:
 @check("fetchall", "Run on an SQLite library of version 3.24 or later, with its JSON functions.")
 def sqlite(host: Host) -> Seen:
     """SQLite has UPSERT, json_each and datetime."""
-    version = host.read("SELECT sqlite_version()")
+    version = host.value("SELECT sqlite_version()")
     yield f"{version} is 3.24 or later", tuple(map(int, version.split("."))) >= (3, 24), True
-    yield "value", host.read("SELECT max(value, datetime('now')) FROM json_each(?)", '["a"]'), "a"
+    yield "value", host.value("SELECT max(value, datetime('now')) FROM json_each(?)", '["a"]'), "a"
 
 
-@check("fetchall", "Declare it as docs/host-contract.md has it; a NOT NULL may need a DEFAULT.")
+@check("fetchall", "Declare it as docs/host-contract.md has it: NULL, or with a default.")
 def columns(host: Host) -> Seen:
     """The tables have their columns, which ask for nothing that the store does not give."""
     nullable = {*NULLS, *STATE, "anchor", "heading"}
@@ -66,6 +68,8 @@ def columns(host: Host) -> Seen:
         for name, strict, default in rows:
             takes = not strict or name not in nullable and (name in given or default is not None)
             yield f"a row can be stored though {table}.{name} is NOT NULL", takes, True
+    for row in host.db.fetchall(_REFERENCES, ("wiki_chunks", "page_fk")):
+        yield "what wiki_chunks.page_fk references", [*row], ["wiki_pages", "id"]
 
 
 def _count(repository: Any, branch: str) -> int:
@@ -76,7 +80,7 @@ def _count(repository: Any, branch: str) -> int:
 def factory(host: Host) -> Seen:
     """Each call of the factory opens the same file anew."""
     path, version = "SELECT file FROM pragma_database_list WHERE seq = 0", "PRAGMA data_version"
-    yield "file of the second", host.other.db.fetchone(path, ())[0], host.read(path) or "a file"
+    yield "file of the second", host.other.db.fetchone(path, ())[0], host.value(path) or "a file"
     # The number changes with what other connections commit, and with nothing else.
     before = host.other.db.fetchone(version, ())[0]
     with contextlib.suppress(Exception):
@@ -149,7 +153,7 @@ def undone(host: Host) -> Seen:
             yield f"rows that are there after {raised!r}", _count(one, host.branch), 0
 
 
-@check("errors", "Let it do as an sqlite3.Cursor does: return itself, run all, count the last.")
+@check("errors", "Let execute return the cursor, executemany run all, rowcount count the last.")
 def cursor(host: Host) -> Seen:
     """A block's cursor has execute, executemany and rowcount."""
     read, delete = (_READ, (host.branch,)), "DELETE FROM wiki_state WHERE branch = ?"

@@ -7,10 +7,8 @@ import uuid
 from collections.abc import Callable
 from typing import Any
 
-_STATE = (
-    "INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build, model,"
-    " page_count, manifest_hash) VALUES (?, 'then', 'abc', 1, 'check', 1, 'def')"
-)
+_STATE = "INSERT INTO wiki_state (branch, last_built_at, last_commit, changed_since_build, model,"
+_STATE += " page_count, manifest_hash) VALUES (?, 'then', 'abc', 1, 'check', 1, 'def')"
 _TABLES = ("wiki_chunks", "wiki_pages", "wiki_state")
 
 
@@ -50,8 +48,7 @@ class Host:
         gc.collect()
         self.repository = self.make()
 
-    def read(self, statement: str, *parameters: Any) -> Any:
-        """The first value of the first row."""
+    def value(self, statement: str, *parameters: Any) -> Any:
         return self.db.fetchone(statement, parameters)[0]
 
     def write(self, statement: str, *parameters: Any) -> None:

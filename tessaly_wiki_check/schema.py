@@ -25,11 +25,11 @@ def codec(host: Host) -> Seen:
     """The codec of stored_vectors(db) gives back the embedding that it was given."""
     codec = host.store.stored_vectors(host.db)
     parts = [(1 + at % 4) * (-1) ** at for at in range(host.dimension)]
-    for length in (1.0, 0.01, 100.0):
-        given = [part * length / math.hypot(*parts) for part in parts]
+    for turn, length in enumerate((1.0, 0.01, 100.0)):
+        given = [x * length / math.hypot(*parts) for x in parts[turn:] + parts[:turn]]
         if length > 1.0 and raises(codec.encode, given):
             continue  # refused, so nothing is lost
-        found = [*codec.decode(host.read("SELECT ?", codec.encode(given)))]
+        found = [*codec.decode(host.value("SELECT ?", codec.encode(given)))]
         yield "components", len(found), host.dimension
         size = math.hypot(*found) or 1.0
         moved = math.hypot(*(x / size - y / length for x, y in zip(found, given)))
@@ -87,9 +87,9 @@ def cascade(host: Host) -> Seen:
     host.repository.replace_wiki_chunks(*stored)
     host.page("page", host.branch)
     count = "SELECT count(*) FROM wiki_chunks WHERE branch = ?"
-    yield "chunks of a page stored again", host.read(count, host.branch), 1
+    yield "chunks of a page stored again", host.value(count, host.branch), 1
     host.repository.delete_wiki_page(host.branch, "page")
-    yield "chunks of a deleted page", host.read(count, host.branch), 0
+    yield "chunks of a deleted page", host.value(count, host.branch), 0
     yield "another is refused", raises(host.repository.replace_wiki_chunks, *stored), True
 
 
@@ -99,13 +99,13 @@ def _stored(host: Host, table: str, given: dict[str, Any]) -> Seen:
         yield f"{table}.{name}", found, given[name]
 
 
-@check("page_key state_key chunk_ids", "Declare it TEXT or INTEGER; no trigger, no converter.")
+@check("page_key state_key chunk_ids", "Declare it TEXT or INTEGER, with no trigger or converter.")
 def values(host: Host) -> Seen:
     """What is stored is read as it was given."""
     raw: dict[str, Any] = dict.fromkeys(JSON[1:], ["a.py", "\u00fc.py"]) | {JSON[0]: {"a": "1"}}
     as_json = {name: json.dumps(value) for name, value in raw.items()}
     encoded = host.store.stored_vectors(host.db).encode(chunk(host, "")["embedding"])
-    key, kept, last = {"branch": host.digits}, host.read("SELECT ?", encoded), '[{"x": 1}, 2]'
+    key, kept, last = {"branch": host.digits}, host.value("SELECT ?", encoded), '[{"x": 1}, 2]'
     for text in ("007", " \u00dcn\u00efcode 'x'\n"):
         state = dict.fromkeys(STATE, text) | {"changed_since_build": 3, "page_count": 12}
         host.repository.upsert_wiki_state(host.digits, **state)
@@ -122,7 +122,7 @@ def values(host: Host) -> Seen:
             host.write("UPDATE wiki_chunks SET citations = ? WHERE branch = ?", last, host.digits)
         host.write("UPDATE wiki_pages SET generated_at = '2000' WHERE branch = ?", host.digits)
     host.page("007", host.digits)
-    at = host.read("SELECT generated_at FROM wiki_pages WHERE branch = ?", host.digits)
+    at = host.value("SELECT generated_at FROM wiki_pages WHERE branch = ?", host.digits)
     yield f"generated_at, {at!r}, is a text of now", str(at) == at and at > "2001", True
 
 
@@ -142,7 +142,7 @@ def record(host: Host) -> Seen:
     for rank in reversed(ranks):
         host.page(rank, host.branch, importance=rank, **some)
     names = [name for name in COLUMNS["wiki_pages"] if name != "generated_at"]
-    select = f"SELECT {', '.join(names)} FROM wiki_pages WHERE importance = ? AND branch = ?"
+    select = f"SELECT {', '.join(names)} FROM wiki_pages WHERE page_id = ? AND branch = ?"
     for rank in ranks:
         pages.append(page := host.repository.get_wiki_page(host.branch, rank))
         yield f"{page!r} is a dict", isinstance(page, dict), True
@@ -156,7 +156,7 @@ def record(host: Host) -> Seen:
     yield f"listed by importance, they are {listed}, {cited}", listed == cited == pages, True
 
 
-@check("", "Give it the range that moves has for its path and range. Other keys? See --citation.")
+@check("", "Give it the range that moves has for its own. Other keys than these? See --citation.")
 def citations(host: Host) -> Seen:
     """moved_citation moves a citation whose range is in moves, and no other."""
     move, here, there = host.store.moved_citation, ("a.py", 1, 3), ("a.py", 5, 7)

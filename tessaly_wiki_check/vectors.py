@@ -52,8 +52,8 @@ def index(host: Host) -> Seen:
     yield "its dimension", built.dimension, host.dimension
     yield f"{built.generation!r} is its generation, {given!r}", built.generation == given, True
     read = "SELECT id, page_fk, heading, content, citations FROM wiki_chunks WHERE branch = ?"
-    stored = {row[0]: tuple(row)[1:] for row in host.db.fetchall(read, (host.branch,))}
-    yield "its chunks", {key: tuple(value) for key, value in built.chunks.items()}, stored
+    stored = sorted((row[0], tuple(row)[1:]) for row in host.db.fetchall(read, (host.branch,)))
+    yield "its chunks", sorted((key, tuple(value)) for key, value in built.chunks.items()), stored
     yield "it is kept", host.repository._wiki_chunk_index(host.branch) is built, True
 
 
@@ -70,8 +70,7 @@ def meaning(host: Host) -> Seen:
     for top_k, terms in ((1, ()), (3, []), (20, ())):
         hits = _hits(host, built, top_k, terms)
         yield from _cosines(hits)
-        yield f"hits for top_k={top_k}", [text for text, _, _ in hits], _NEAREST[:top_k]
-        yield "fused scores", {fused for _, _, fused in hits}, {None}
+        yield f"hits for {top_k}", [hit[::2] for hit in hits], [(x, None) for x in _NEAREST[:top_k]]
 
 
 def _fused(host: Host, built: Any, top_k: int, word: str) -> Seen:
@@ -80,9 +79,9 @@ def _fused(host: Host, built: Any, top_k: int, word: str) -> Seen:
         for rank, text in enumerate(ranking[:top_k], 1):
             scores[text] = scores.get(text, 0.0) + 1 / (60 + rank)
     hits = _hits(host, built, top_k, (word,))
-    found = [(text, fused and round(fused, 9)) for text, _, fused in hits]
+    found = [(text, fused and float.__round__(fused, 9)) for text, _, fused in hits]
     fts5 = "SELECT count(*) FROM pragma_module_list WHERE name = 'fts5'"
-    if any(fused for _, fused in found) or host.read(fts5):
+    if any(fused for _, fused in found) or host.value(fts5):
         wanted = [(text, round(scores.get(text, 0.0), 9)) for text, _ in found]
         yield f"scores for {word!r} with top_k={top_k}", found, wanted
         # Hits beyond top_k may be cut off; of equal ones, either.
@@ -104,7 +103,7 @@ def word_similarity(host: Host) -> Seen:
     yield from _cosines(_hits(host, _index(host, host.branch), 3, ["zebra"]))
 
 
-@check("index", "Quote each term for FTS5, so that none of its characters is query syntax.")
+@check("meaning", "Quote each term for FTS5, so that none of its characters is query syntax.")
 def any_words(host: Host) -> Seen:
     """ranked takes any words."""
     built = _index(host, host.branch)
