@@ -57,7 +57,7 @@ def _check(options: argparse.Namespace, path: str) -> int:
     print(f"tessaly in {_package(options.factory)}, {options.factory}, SQLite {version}")
     if host:
         return _report(host)
-    print(f"FAIL  A repository can be made\n      seen: {seen}\n      do:   {_ADVICE}")
+    print(f"FAIL  A repository can be made, and another\n      seen: {seen}\n      do:   {_ADVICE}")
     return 1
 
 
@@ -104,7 +104,7 @@ def _report(host: Host) -> int:
         with contextlib.suppress(Exception):
             left = host.clear()
     failed, skipped = words.count("FAIL"), words.count("skip")
-    print(f"\n{words.count('ok')} of {len(CHECKS)} hold, {failed} do not, {skipped} were skipped.")
+    print(f"\n{words.count('ok')} of {len(CHECKS)} hold; {failed} failed, {skipped} skipped.")
     print("Not checked: that index_generation() changes when the index is replaced as a whole.")
     if left:
         print(f"Rows are left behind, of the branches {', '.join(left)}.")

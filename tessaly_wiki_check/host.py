@@ -1,6 +1,5 @@
 """The host under check: its repositories, and branches of its own for the rows of a check."""
 
-import functools
 import gc
 import importlib
 import uuid
@@ -21,14 +20,10 @@ class Host:
     def __init__(self, make: Callable[[], Any], dimension: int = 8, citation: Any = None) -> None:
         self.make, self.dimension = make, dimension
         self.citation = citation or {"path": "a.py", "start": 1, "end": 3, "note": "kept"}
-        self.repository, self._branches = (made := make()), list[str]()
+        self.repository, self.other, self._branches = (made := make()), make(), list[str]()
         self.store: Any = importlib.import_module("tessaly.storage.repository_wiki")
         if not (isinstance(made, self.store.WikiStore) and hasattr(made, "db")):
             raise TypeError(f"{made!r} has no WikiStore among its bases, or no db")
-
-    @functools.cached_property
-    def other(self) -> Any:
-        return self.make()
 
     @property
     def db(self) -> Any:
@@ -43,10 +38,9 @@ class Host:
 
     def renew(self) -> None:
         """Opens the host anew: what broke a check may have left a transaction open."""
-        vars(self).pop("other", None)
-        self.repository = None
+        self.repository = self.other = None
         gc.collect()
-        self.repository = self.make()
+        self.repository, self.other = self.make(), self.make()
 
     def value(self, statement: str, *parameters: Any) -> Any:
         return self.db.fetchone(statement, parameters)[0]

@@ -82,19 +82,25 @@ def _fused(host: Host, built: Any, top_k: int, word: str) -> Seen:
     found = [(text, fused and float.__round__(fused, 9)) for text, _, fused in hits]
     fts5 = "SELECT count(*) FROM pragma_module_list WHERE name = 'fts5'"
     if any(fused for _, fused in found) or host.value(fts5):
-        wanted = [(text, round(scores.get(text, 0.0), 9)) for text, _ in found]
-        yield f"scores for {word!r} with top_k={top_k}", found, wanted
+        about = f"scores for {word!r} with top_k={top_k}"
+        yield about, found, [(text, round(scores.get(text, 0.0), 9)) for text, _ in found]
         # Hits beyond top_k may be cut off; of equal ones, either.
         best = sorted((round(score, 9) for score in scores.values()), reverse=True)
-        yield "the best of them", [fused for _, fused in found], best[: max(top_k, len(found))]
+        yield f"best {about}", [fused for _, fused in found], best[: max(top_k, len(found))]
 
 
-@check("meaning", "Sum 1 / (60 + rank from 1) of top_k by cosine and top_k by BM25, headings too.")
+@check("meaning", "Sum 1 / (60 + rank) of the top_k by cosine and top_k by BM25, ranks from 1.")
 def fusion(host: Host) -> Seen:
     """With terms, and FTS5, ranked fuses meaning and words by reciprocal rank."""
     built = _index(host, host.branch)
-    for top_k, word in ((3, "zebra"), (2, "zebra"), (2, "marmalade")):
-        yield from _fused(host, built, top_k, word)
+    for top_k in (3, 2):
+        yield from _fused(host, built, top_k, "zebra")
+
+
+@check("fusion", "Let ChunkWords.build index the headings beside the texts.")
+def headings(host: Host) -> Seen:
+    """The words of headings are found."""
+    yield from _fused(host, _index(host, host.branch), 2, "marmalade")
 
 
 @check("fusion", "Let every hit carry the cosine of its embedding, whatever brought it up.")

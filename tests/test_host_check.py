@@ -125,7 +125,7 @@ SABOTAGES: list[tuple[str, Sabotage]] = [
         index, generation=str(generation), **rest))),
     ("meaning", result("ranked", sorted, WikiChunkIndex)),
     ("fusion", lambda: mock.patch.object(wiki_chunk_words, "_FUSION_K", 59)),
-    ("fusion", of(ChunkWords, "build", lambda build: lambda items: build(
+    ("headings", of(ChunkWords, "build", lambda build: lambda items: build(
         (chunk_id, None, text) for chunk_id, _, text in items))),
     ("word_similarity", result("similarities", lambda found: [0.0] * len(found), EmbeddingIndex)),
     ("any_words", of(ChunkWords, "best", lambda best: lambda words, terms, top_k: best(
