@@ -51,7 +51,7 @@ class Host:
 
     def store_state(self, branch: str, cursor: Any = None) -> None:
         """Stores a state that counts 1 change, in a transaction of its own or in a cursor's."""
-        (cursor.execute(_STATE, (branch,)) if cursor else self.write(_STATE, branch))
+        (self.write(_STATE, branch) if cursor is None else cursor.execute(_STATE, (branch,)))
 
     def page(self, page_id: str, branch: str, **fields: Any) -> int:
         return self.repository.upsert_wiki_page(branch, page_id, "title", **fields)

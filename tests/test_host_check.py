@@ -120,7 +120,7 @@ SABOTAGES: list[tuple[str, Sabotage]] = [
     ("record", of(repository_wiki, "row_to_wiki_page", lambda make: lambda row: {
         **make(row), "summary": row[2]})),
     ("citations", of(repository_wiki, "moved_citation", lambda _: lambda citation, _: citation)),
-    ("generation", of(Database, "index_generation", lambda _: id)),
+    ("generation", of(Database, "index_generation", lambda _: lambda db: id(db))),
     ("index", of(WikiChunkIndex, "__init__", lambda make: lambda index, generation, **rest: make(
         index, generation=str(generation), **rest))),
     ("meaning", result("ranked", sorted, WikiChunkIndex)),
