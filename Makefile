@@ -2,11 +2,13 @@
 
 BUILD ?= build
 REPO ?= .
+# Of another version, clang-format lays out other lines and clang-tidy finds other faults.
+CLANG = 19
 SHELL := /bin/sh
 export PYTHONDONTWRITEBYTECODE := 1
 
 # What a command needs beyond the build, named before anything is built.
-needs_lint = clang-format clang-tidy nm=binutils git
+needs_lint = clang-format-$(CLANG) clang-tidy-$(CLANG) nm=binutils git
 needs_wheel = module:pip=python3-pip \
     module:scikit_build_core.build,packaging,pathspec=python3-scikit-build-core
 
@@ -36,11 +38,11 @@ bench: build ## the speed tables: native against plain Python, the ranking, the 
 	@PYTHONPATH="$(BUILD)/python:." "$(python)" -P -m benchmarks $(BENCH)
 
 lint: build ## layout, clang-tidy, exported symbols, house rules
-	@BUILD="$(BUILD)" tools/lint.sh
+	@BUILD="$(BUILD)" CLANG="$(CLANG)" tools/lint.sh
 
 format: ## lay out the C++ sources
-	@tools/require.sh clang-format git
-	@clang-format -i $$(git ls-files '*.cpp' '*.h')
+	@tools/require.sh clang-format-$(CLANG) git
+	@clang-format-$(CLANG) -i $$(git ls-files '*.cpp' '*.h')
 
 sanitize: ## every test under AddressSanitizer and UndefinedBehaviorSanitizer
 	@$(MAKE) --no-print-directory build BUILD=$(BUILD)-sanitize CMAKE_OPTIONS=-DTESSALY_SANITIZE=ON
