@@ -2,20 +2,30 @@
 
 BUILD ?= build
 REPO ?= .
+# Of another version, clang-format lays out other lines and clang-tidy finds other faults.
+CLANG = 19
 SHELL := /bin/sh
 export PYTHONDONTWRITEBYTECODE := 1
+
+# What a command needs beyond the build, named before anything is built.
+needs_lint = clang-format-$(CLANG) clang-tidy-$(CLANG) nm=binutils git
+needs_wheel = module:pip=python3-pip \
+    module:scikit_build_core.build,packaging,pathspec=python3-scikit-build-core
 
 # Found when a recipe first needs it, once.
 python = $(eval python := $$(shell tools/find_python.sh "$(PYTHON)"))$(python)
 
-.PHONY: help build test demo bench lint format sanitize memcheck soak wheel clean
+.PHONY: help needs build test demo bench lint format sanitize memcheck soak wheel clean
 
 help: ## this list
 	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | awk -F'\t' '{printf "make %-10s %s\n", $$1, $$2}'
 
-build: ## configure and build; leaves an importable tree in build/python
+needs:
+	@PYTHON="$(PYTHON)" tools/require.sh $(if $(filter default,$(origin CXX)),c++=g++) cmake python \
+	    $(foreach goal,$(MAKECMDGOALS) $(FOR),$(needs_$(goal)))
+
+build: needs ## configure and build; leaves an importable tree in build/python
 	@test -n "$(python)"
-	@tools/require.sh c++=g++ cmake
 	@PYTHON="$(python)" tools/build.sh "$(BUILD)" $(CMAKE_OPTIONS)
 
 test: build ## build, then run every test
@@ -28,12 +38,11 @@ bench: build ## the speed tables: native against plain Python, the ranking, the 
 	@PYTHONPATH="$(BUILD)/python:." "$(python)" -P -m benchmarks $(BENCH)
 
 lint: build ## layout, clang-tidy, exported symbols, house rules
-	@tools/require.sh clang-format clang-tidy nm=binutils git
-	@BUILD="$(BUILD)" tools/lint.sh
+	@BUILD="$(BUILD)" CLANG="$(CLANG)" tools/lint.sh
 
 format: ## lay out the C++ sources
-	@tools/require.sh clang-format git
-	@clang-format -i $$(git ls-files '*.cpp' '*.h')
+	@tools/require.sh clang-format-$(CLANG) git
+	@clang-format-$(CLANG) -i $$(git ls-files '*.cpp' '*.h')
 
 sanitize: ## every test under AddressSanitizer and UndefinedBehaviorSanitizer
 	@$(MAKE) --no-print-directory build BUILD=$(BUILD)-sanitize CMAKE_OPTIONS=-DTESSALY_SANITIZE=ON
@@ -45,10 +54,8 @@ memcheck: build ## the store's tests under valgrind, where it is installed (slow
 soak: build ## the long versions of the tests of threads and of random data
 	@TESSALY_SOAK=1 ctest --test-dir "$(BUILD)" --output-on-failure -R 'store_(concurrency|json)'
 
-wheel: ## the module, its stub and py.typed as a wheel in dist/ (needs scikit-build-core)
+wheel: needs ## the module, its stub and py.typed as a wheel in dist/ (needs scikit-build-core)
 	@test -n "$(python)"
-	@"$(python)" -c 'import packaging, pathspec, scikit_build_core.build' 2>/dev/null || { \
-	    echo "make wheel: $(python) cannot import scikit-build-core, pathspec and packaging" >&2; exit 1; }
 	@"$(python)" -m pip --disable-pip-version-check wheel --no-build-isolation --no-deps -w dist .
 
 clean: ## remove what was built

@@ -76,6 +76,9 @@ def main(arguments: list[str]) -> int:
         return 2
     seconds = 0.02 if options.quick else 0.8
     print(f"CPython {platform.python_version()}, {platform.machine()}, {os.cpu_count()} CPUs")
+    print("ratio: the first time by the second, less is better; at most: what it is to be;")
+    print("over: it is more, as it can be on a busy machine and with --quick (no command fails of")
+    print("it); benchmarks/RESULTS.md tells what is over on a quiet one, and why")
     if chosen:
         table("Over a host whose methods are trivial Python functions", 0, chosen, seconds)
         table("Over the reference host, SQLite in memory", 1, chosen, seconds)

