@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import contextlib
 import gc
 import math
 import random
+import sqlite3
 import struct
 import sys
 import unittest
@@ -20,6 +22,8 @@ from tessaly.storage.vector_index import EmbeddingIndex
 from tessaly.storage.wiki_chunk_words import ChunkWords, WikiChunkIndex
 
 TOLERANCE = 1e-6
+INSERT = "INSERT INTO plain (rowid, heading, text) VALUES (?, ?, ?)"
+ORDER = "SELECT rowid FROM plain WHERE plain MATCH ? ORDER BY rank, rowid LIMIT ?"
 SEED = random.randrange(2**32)  # of every random test; a failure prints it
 
 
@@ -181,27 +185,30 @@ class Words(unittest.TestCase):
                 self.assertEqual(found and sorted(found), expected, ascii(terms)[:80])
         self.assertRaises(TypeError, words.best, [b"alpha"], 10)
 
-    def test_common_words_left_out_cost_no_better_result(self) -> None:
+    def test_order_is_that_of_fts5_over_all_terms(self) -> None:
         rng = random.Random(SEED)
-        vocabulary = [f"word{i}" for i in range(400)]
-        weights = [1 / (i + 1) for i in range(400)]
-        texts = [rng.choices(vocabulary, weights, k=rng.randrange(5, 60)) for _ in range(1500)]
-        items = [(i, rng.choice(vocabulary), " ".join(text)) for i, text in enumerate(texts, 1)]
-        with mock.patch.object(wiki_chunk_words, "_MANY_CHUNKS", 10**9):
-            whole = ChunkWords.build(items)
-        words = ChunkWords.build(items)
-        self.assertTrue(words._common and not whole._common)
-
-        query = "SELECT rowid, rank FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?"
-        for others in (["word9"], [], ["word10", "word100"], ["none"]):
-            terms = ["word0", *others]
-            with self.subTest(seed=SEED, terms=terms):
-                found, expected = words.best(terms, 20), whole.best(terms, 20)
-                self.assertEqual((len(set(found)), len(expected)), (20, 20))
-                scores = dict(whole._connection.execute(query, (" OR ".join(terms),)))
-                # What has the same score but for the common word may stand in another order.
-                for ours, theirs in zip(found, expected):
-                    self.assertAlmostEqual(scores[ours], scores[theirs], delta=1e-5)
+        # Words that nearly every chunk holds, rare ones, and some that only long chunks hold, where
+        # they weigh less than a common word does in a short one.
+        vocabulary = [*(f"word{i}" for i in range(400)), "a_b", "NOT"]
+        weights = [1 / (i + 1) for i in range(len(vocabulary))]
+        items = [(1, "word0", "rare other words"), (2, None, "rare word0 words")]
+        for chunk_id in range(3, 1500):
+            far = chunk_id % 60 == 0
+            words = rng.choices(vocabulary, weights, k=2000 if far else rng.randrange(1, 40))
+            items.append((chunk_id, rng.choice(vocabulary), " ".join(words + ["far"] * far)))
+        plain = self.enterContext(contextlib.closing(sqlite3.connect(":memory:")))
+        plain.execute("CREATE VIRTUAL TABLE plain USING fts5(heading, text)")
+        for count in (500, len(items)):
+            plain.execute("DELETE FROM plain")
+            plain.executemany(INSERT, items[:count])
+            index = ChunkWords.build(items[:count])
+            searches = [rng.choices(vocabulary, weights, k=rng.randrange(1, 9)) for _ in range(60)]
+            for terms in (["word0", "rare"], ["far", "word4"], ["far", "far", "word9"], *searches):
+                for top_k in (1, 20, 10_000):
+                    with self.subTest(seed=SEED, count=count, terms=terms, top_k=top_k):
+                        query = " OR ".join(f'"{term}"' for term in terms)
+                        expected = plain.execute(ORDER, (query, top_k)).fetchall()
+                        self.assertEqual(index.best(terms, top_k), [row[0] for row in expected])
 
 
 def ranking_of(vectors: dict[int, list[float]], texts: dict[int, str]) -> WikiChunkIndex:

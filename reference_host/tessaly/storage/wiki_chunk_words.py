@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 import sqlite3
 import threading
 import weakref
@@ -15,7 +16,18 @@ from tessaly.storage.vector_index import EmbeddingIndex
 # 1 / (k + rank) over the rankings that found it; k damps the lead of the first few.
 _FUSION_K = 60
 
-# From this many chunks on, words that nearly every chunk holds are worth leaving out of a search.
+_COUNT = "SELECT count(*) FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?"
+_BEST = """
+    SELECT rowid FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?
+    ORDER BY rank, rowid LIMIT ?"""
+# The unary plus keeps SQLite from looking the ids up one at a time.
+_BEST_WITHIN = """
+    SELECT rowid, bm25(wiki_chunk_words) AS score FROM wiki_chunk_words
+    WHERE wiki_chunk_words MATCH ? AND +rowid IN (
+        SELECT rowid FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?)
+    ORDER BY score, rowid LIMIT ?"""
+
+# From this many chunks on it pays to look how common the words of a search are.
 _MANY_CHUNKS = 1000
 
 
@@ -27,7 +39,7 @@ class ChunkWords:
 
     def __init__(self, connection: sqlite3.Connection | None) -> None:
         self._connection = connection
-        self._common: frozenset[str] = frozenset()
+        self._size = 0
         self._lock = threading.Lock()
 
     @classmethod
@@ -51,44 +63,60 @@ class ChunkWords:
             "INSERT INTO wiki_chunk_words (wiki_chunk_words, rank) VALUES ('hashsize', 16777216)"
         )
         connection.execute("BEGIN")
-        connection.executemany(
+        words._size = connection.executemany(
             "INSERT INTO wiki_chunk_words (rowid, heading, text) VALUES (?, ?, ?)", _storable(items)
-        )
+        ).rowcount
         connection.execute("COMMIT")
-        words._common = _common_words(connection)
         return words
 
     def best(self, terms: Sequence[str], top_k: int) -> list[int] | None:
         """The ids of the ``top_k`` best chunks that hold any of the terms, best first.
 
-        Each term is a word (or a phrase, such as ``a_b``, whose words then stand side by side),
-        whatever characters it holds. None when there is nothing to rank by: no term holds a word,
-        or there is no FTS5.
+        The order is FTS5's: ``bm25`` over all the terms, ties by id. Each term is a word (or a
+        phrase, such as ``a_b``, whose words then stand side by side), whatever characters it holds.
+        None when there is nothing to rank by: no term holds a word, or there is no FTS5.
 
         Raises:
             TypeError: A term is no string.
         """
         phrases = _phrases(terms)
-        if not phrases or self._connection is None:
-            return None
-        # A word that most chunks hold has no weight in BM25 (it could only settle ties), but going
-        # through all those chunks takes time: it is left to searches that find too little without.
-        telling = [phrase for word, phrase in phrases.items() if word not in self._common]
-        if len(telling) < len(phrases):
-            found = self._search(telling, top_k)
-            if len(found) == top_k:
-                return found
-        return self._search(list(phrases.values()), top_k)
-
-    def _search(self, phrases: list[str], top_k: int) -> list[int]:
         with self._lock:
             if not phrases or self._connection is None:
-                return []
-            rows = self._connection.execute(
-                "SELECT rowid FROM wiki_chunk_words WHERE wiki_chunk_words MATCH ?"
-                " ORDER BY rank, rowid LIMIT ?",
-                (" OR ".join(phrases), top_k),
-            ).fetchall()
+                return None
+            if self._size >= _MANY_CHUNKS and top_k > 0:
+                found = self._best_of_rarest(self._connection, phrases, top_k)
+                if found is not None:
+                    return found
+            rows = self._connection.execute(_BEST, (" OR ".join(phrases), top_k)).fetchall()
+            return [row[0] for row in rows]
+
+    def _best_of_rarest(
+        self, connection: sqlite3.Connection, phrases: list[str], top_k: int
+    ) -> list[int] | None:
+        """The best hits, or None where this way is slow or cannot tell them.
+
+        To score a chunk takes ten times as long as to see that it holds a phrase. So only chunks
+        with a rare phrase are scored, by all phrases, and the worst hit's score then shows whether
+        a chunk without a rare one could have come before it.
+        """
+        hits = {text: connection.execute(_COUNT, (text,)).fetchone()[0] for text in phrases}
+        rarest = sorted(filter(hits.get, phrases), key=hits.__getitem__)
+        weights = [_weight(hits[text], self._size) for text in rarest]
+        found = 0
+        for i, text in enumerate(rarest[:-1], 1):
+            found += hits[text]
+            # A chunk without any of the i rarest phrases has less than this.
+            limit = _MOST * sum(weights[i:])
+            if found >= top_k and limit < weights[0]:
+                break
+        else:
+            return None
+        if 2 * found > sum(map(hits.__getitem__, rarest)):
+            return None
+        within = " OR ".join(rarest[:i])
+        rows = connection.execute(_BEST_WITHIN, (" OR ".join(phrases), within, top_k)).fetchall()
+        if len(rows) < top_k or -rows[-1][1] <= limit:
+            return None
         return [row[0] for row in rows]
 
     def close(self) -> None:
@@ -156,28 +184,25 @@ def _storable(
         yield chunk_id, _valid(heading or ""), _valid(text)
 
 
-def _common_words(connection: sqlite3.Connection) -> frozenset[str]:
-    """The words, as the tokenizer writes them, that more than half of many chunks hold."""
-    # One row a chunk stands in the table of their sizes, which counts faster than the index.
-    count = connection.execute("SELECT count(*) FROM wiki_chunk_words_docsize").fetchone()[0]
-    if count < _MANY_CHUNKS:
-        return frozenset()
-    connection.execute("CREATE VIRTUAL TABLE vocabulary USING fts5vocab(wiki_chunk_words, row)")
-    rows = connection.execute("SELECT term FROM vocabulary WHERE doc > ?", (count // 2,)).fetchall()
-    connection.execute("DROP TABLE vocabulary")
-    return frozenset(row[0] for row in rows)
+# By FTS5's BM25 a phrase adds to a chunk's score its weight, times 1 where it stands once in a chunk
+# of mean length, and less than k1 + 1 anywhere (k1 = 1.2).
+_MOST = 2.2
 
 
-def _phrases(terms: Sequence[str]) -> dict[str, str]:
-    """Each term that holds a word, once, in lower case, with the quoted string to search for."""
-    phrases: dict[str, str] = {}
+def _weight(hits: int, size: int) -> float:
+    """The weight (inverse document frequency) of a phrase that ``hits`` of ``size`` chunks hold."""
+    return max(math.log((size - hits + 0.5) / (hits + 0.5)), 1e-6)
+
+
+def _phrases(terms: Sequence[str]) -> list[str]:
+    """A quoted string to search for, of each term that holds a word."""
+    phrases: list[str] = []
     for term in terms:
         if not isinstance(term, str):
             raise TypeError(f"a term must be a string, not {type(term).__name__}")
         if any(map(str.isalnum, term)):
             # A quoted string is never syntax. FTS5 reads its query up to the first NUL.
-            word = _valid(term).replace("\0", " ")
-            phrases[word.lower()] = '"' + word.replace('"', '""') + '"'
+            phrases.append('"' + _valid(term).replace("\0", " ").replace('"', '""') + '"')
     return phrases
 
 
