@@ -11,7 +11,7 @@ import timeit
 from typing import Any, NoReturn
 
 import tessaly.storage.repository_wiki as native
-from benchmarks import plain_store, ranking, startup, trivial_host
+from benchmarks import plain_store, ranking, rows, startup, trivial_host
 from benchmarks.timing import best_of, progress, readable
 from benchmarks.workloads import MEAN_LIMITS, WORKLOADS, Workload, prepare_real, prepare_trivial
 from tessaly.storage.database import Database
@@ -65,13 +65,14 @@ def main(arguments: list[str]) -> int:
     parser.add_argument("--quick", action="store_true", help="a few repeats, to see that it runs")
     options = parser.parse_args(arguments)
     if options.list:
-        print(*(workload.name for workload in WORKLOADS), *ranking.NAMES, startup.NAME, sep="\n")
+        print(*(workload.name for workload in WORKLOADS), *ranking.NAMES, rows.NAME, startup.NAME, sep="\n")
         return 0
     wanted = (options.only or "").lower()
     chosen = [workload for workload in WORKLOADS if wanted in workload.name.lower()]
     rankings = [name for name in ranking.NAMES if wanted in name.lower()]
+    stored = wanted in rows.NAME
     imports = wanted in startup.NAME
-    if not (chosen or rankings or imports):
+    if not (chosen or rankings or stored or imports):
         print(f"no workload has {options.only!r} in its name; see --list", file=sys.stderr)
         return 2
     seconds = 0.02 if options.quick else 0.8
@@ -84,6 +85,8 @@ def main(arguments: list[str]) -> int:
         table("Over the reference host, SQLite in memory", 1, chosen, seconds)
     if rankings:
         ranking.table(rankings, options.quick)
+    if stored:
+        rows.table(options.quick)
     if imports:
         startup.table(3 if options.quick else 20)
     return 0
