@@ -139,7 +139,7 @@ def _read_and_index(path: Path) -> float:
             rows = connection.execute(_READ).fetchall()
             words.execute("PRAGMA journal_mode = OFF")
             words.execute("CREATE VIRTUAL TABLE words USING fts5(heading, text, content='')")
-            words.execute("INSERT INTO words (words, rank) VALUES ('hashsize', 16777216)")
+            words.execute("INSERT INTO words (words, rank) VALUES ('hashsize', 2097152)")
             words.execute("BEGIN")
             words.executemany(
                 "INSERT INTO words (rowid, heading, text) VALUES (?, ?, ?)",

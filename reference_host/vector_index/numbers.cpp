@@ -7,13 +7,39 @@
 namespace tessaly::vectors {
 namespace {
 
-bool is_row_of_floats(const Py_buffer& view) {
-  const std::string_view format = view.format != nullptr ? view.format : "B";
-  const bool native = format == "f" || format == "@f" || format == "=f" ||
-                      format == (std::endian::native == std::endian::little ? "<f" : ">f");
-  return native && view.itemsize == sizeof(float) && view.ndim == 1 &&
-         reinterpret_cast<std::uintptr_t>(view.buf) % alignof(float) == 0 &&
-         PyBuffer_IsContiguous(&view, 'C') != 0;
+/// The size of the floats of which the memory is one row; 0 when it is none.
+std::size_t row_of(const Py_buffer& view) {
+  std::string_view format = view.format != nullptr ? view.format : "B";
+  if (format.size() == 2 && (format[0] == '@' || format[0] == '=' ||
+                             format[0] == (std::endian::native == std::endian::little ? '<' : '>')))
+    format.remove_prefix(1);
+  const std::size_t size = format == "f" ? sizeof(float) : format == "d" ? sizeof(double) : 0;
+  if (size == 0 || view.itemsize != static_cast<Py_ssize_t>(size) || view.ndim != 1 ||
+      reinterpret_cast<std::uintptr_t>(view.buf) % size != 0 ||
+      PyBuffer_IsContiguous(&view, 'C') == 0)
+    return 0;
+  return size;
+}
+
+template <typename Float>
+bool read_row(const FloatBuffer& buffer, std::vector<double>& numbers) {
+  if (!buffer.holds<Float>()) return false;
+  const auto row = buffer.row<Float>();
+  numbers.assign(row.begin(), row.end());
+  return true;
+}
+
+/// A list or tuple of nothing but floats: read where it is, because that runs no Python code.
+bool read_floats(py::Handle sequence, std::vector<double>& numbers) {
+  if (PyList_CheckExact(sequence.ptr()) == 0 && PyTuple_CheckExact(sequence.ptr()) == 0)
+    return false;
+  PyObject* const* const items = PySequence_Fast_ITEMS(sequence.ptr());
+  numbers.resize(static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.ptr())));
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    if (PyFloat_CheckExact(items[i]) == 0) return false;
+    numbers[i] = PyFloat_AS_DOUBLE(items[i]);
+  }
+  return true;
 }
 
 }  // namespace
@@ -25,7 +51,7 @@ FloatBuffer::FloatBuffer(py::Handle object) {
     PyErr_Clear();
     return;
   }
-  usable_ = is_row_of_floats(view_);
+  row_of_ = row_of(view_);
 }
 
 FloatBuffer::~FloatBuffer() {
@@ -33,6 +59,11 @@ FloatBuffer::~FloatBuffer() {
 }
 
 void read_numbers(py::Handle sequence, std::vector<double>& numbers) {
+  if (read_floats(sequence, numbers)) return;
+  {
+    const FloatBuffer buffer(sequence);
+    if (read_row<float>(buffer, numbers) || read_row<double>(buffer, numbers)) return;
+  }
   if (PySequence_Check(sequence.ptr()) == 0)
     py::raise(PyExc_TypeError, "an embedding is a sequence of numbers, not %.200s",
               Py_TYPE(sequence.ptr())->tp_name);

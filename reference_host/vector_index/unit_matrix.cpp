@@ -24,7 +24,7 @@ void advise_huge_pages([[maybe_unused]] void* block, [[maybe_unused]] std::size_
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
   constexpr std::size_t kHugePage = std::size_t{1} << 21;
   std::size_t space = bytes;
-  if (bytes < 8 * kHugePage || std::align(kHugePage, kHugePage, block, space) == nullptr) return;
+  if (bytes < 2 * kHugePage || std::align(kHugePage, kHugePage, block, space) == nullptr) return;
   (void)madvise(block, space / kHugePage * kHugePage, MADV_HUGEPAGE);
 #endif
 }

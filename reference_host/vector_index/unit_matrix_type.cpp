@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "numbers.h"
+#include "py/heap_type.h"
+#include "py/objects.h"
 #include "unit_matrix.h"
 
 namespace tessaly::vectors {
@@ -21,17 +23,6 @@ struct UnitMatrixObject {
 };
 
 UnitMatrixObject& native(PyObject* self) { return *reinterpret_cast<UnitMatrixObject*>(self); }
-
-/// Runs a method's body; whatever it throws becomes the Python error.
-template <typename Body>
-PyObject* answer(Body body) noexcept {
-  try {
-    return body().release();
-  } catch (...) {
-    (void)py::set_error_from_caught();
-    return nullptr;
-  }
-}
 
 /// Lets other threads run Python for the length of a scope that touches none.
 class WithoutInterpreter {
@@ -72,9 +63,10 @@ class Pair {
 bool append(UnitMatrix& matrix, std::int64_t id, Handle embedding, std::vector<double>& numbers) {
   {
     const FloatBuffer buffer(embedding);
-    if (buffer) {
-      if (buffer.size() != matrix.dimension()) return false;
-      matrix.append(id, buffer.data());
+    if (buffer.holds<float>()) {
+      const auto row = buffer.row<float>();
+      if (row.size() != matrix.dimension()) return false;
+      matrix.append(id, row.data());
       return true;
     }
   }
@@ -100,7 +92,7 @@ Owned load(UnitMatrixObject& self, Handle vectors) {
     if (!append(*matrix, id, pair.embedding(), numbers)) ++left_out;
   }
   self.matrix = std::move(matrix);
-  return Owned::steal(PyLong_FromSsize_t(left_out));
+  return py::integer(left_out);
 }
 
 std::vector<float> unit_query(const UnitMatrixObject& self, Handle query) {
@@ -125,27 +117,21 @@ Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
     const WithoutInterpreter released;
     hits = matrix->nearest(unit.data(), static_cast<std::size_t>(wanted));
   }
-  Owned result = Owned::steal(PyList_New(static_cast<Py_ssize_t>(hits.size())));
-  for (std::size_t i = 0; i < hits.size(); ++i) {
-    PyObject* pair = Py_BuildValue("(Ld)", static_cast<long long>(hits[i].id),
-                                   static_cast<double>(hits[i].similarity));
-    PyList_SET_ITEM(result.ptr(), static_cast<Py_ssize_t>(i), Owned::steal(pair).release());
-  }
-  return result;
+  py::ListBuilder pairs(static_cast<Py_ssize_t>(hits.size()));
+  for (const Hit& hit : hits)
+    pairs.append(Owned::steal(Py_BuildValue("(Ld)", static_cast<long long>(hit.id),
+                                            static_cast<double>(hit.similarity))));
+  return std::move(pairs).take();
 }
 
 Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids) {
   const std::vector<float> unit = unit_query(self, query);
   const Owned ids = Owned::steal(PySequence_Tuple(chunk_ids.ptr()));
-  const Py_ssize_t count = PyTuple_GET_SIZE(ids.ptr());
   const std::shared_ptr<const UnitMatrix> matrix = self.matrix;
-  Owned result = Owned::steal(PyList_New(count));
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    const std::int64_t id = chunk_id(PyTuple_GET_ITEM(ids.ptr(), i));
-    const double similarity = static_cast<double>(matrix->similarity(unit.data(), id));
-    PyList_SET_ITEM(result.ptr(), i, Owned::steal(PyFloat_FromDouble(similarity)).release());
-  }
-  return result;
+  return py::list_of(ids, [&](const Owned& id) {
+    const float similarity = matrix->similarity(unit.data(), chunk_id(id));
+    return Owned::steal(PyFloat_FromDouble(static_cast<double>(similarity)));
+  });
 }
 
 void check_two(const char* method, Py_ssize_t count) {
@@ -155,18 +141,18 @@ void check_two(const char* method, Py_ssize_t count) {
 extern "C" {
 
 PyObject* unit_matrix_load(PyObject* self, PyObject* vectors) {
-  return answer([&] { return load(native(self), vectors); });
+  return py::guarded([&] { return load(native(self), vectors); });
 }
 
 PyObject* unit_matrix_nearest(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
-  return answer([&] {
+  return py::guarded([&] {
     check_two("nearest", count);
     return nearest(native(self), arguments[0], arguments[1]);
   });
 }
 
 PyObject* unit_matrix_similarities(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
-  return answer([&] {
+  return py::guarded([&] {
     check_two("similarities", count);
     return similarities(native(self), arguments[0], arguments[1]);
   });
@@ -185,7 +171,7 @@ Py_ssize_t unit_matrix_length(PyObject* self) {
 }
 
 PyObject* unit_matrix_new(PyTypeObject* type, PyObject* arguments, PyObject* keywords) {
-  return answer([&] {
+  return py::guarded([&] {
     static const char* const names[] = {"dimension", nullptr};
     Py_ssize_t dimension = 0;
     if (PyArg_ParseTupleAndKeywords(arguments, keywords, "n:UnitMatrix", const_cast<char**>(names),
@@ -201,25 +187,23 @@ PyObject* unit_matrix_new(PyTypeObject* type, PyObject* arguments, PyObject* key
   });
 }
 
-void unit_matrix_dealloc(PyObject* self) {
-  PyObject_GC_UnTrack(self);
-  PyTypeObject* type = Py_TYPE(self);
-  std::destroy_at(&native(self).matrix);
-  type->tp_free(self);
-  (void)Owned::steal(reinterpret_cast<PyObject*>(type));
-}
-
 int unit_matrix_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   return 0;
 }
 
+/// Called once, at the object's end: a matrix refers to no object.
+int unit_matrix_destroy(PyObject* self) {
+  std::destroy_at(&native(self).matrix);
+  return 0;
+}
+
 }  // extern "C"
 
-using FastMethod = PyObject* (*)(PyObject*, PyObject* const*, Py_ssize_t);
-
-PyCFunction as_method(FastMethod method) {
-  return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
+/// A method that takes its arguments as METH_FASTCALL says, as a method table takes it.
+template <typename Function>
+PyCFunction as_method(Function* function) {
+  return reinterpret_cast<PyCFunction>(py::slot(function));
 }
 
 }  // namespace
@@ -246,10 +230,10 @@ Owned make_unit_matrix_type(Handle module) {
   PyType_Slot slots[] = {
       {Py_tp_doc, const_cast<char*>("UnitMatrix(dimension)\n--\n\n"
                                     "Embeddings under chunk ids, searched by exact cosine.")},
-      {Py_tp_new, reinterpret_cast<void*>(unit_matrix_new)},
-      {Py_tp_dealloc, reinterpret_cast<void*>(unit_matrix_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void*>(unit_matrix_traverse)},
-      {Py_sq_length, reinterpret_cast<void*>(unit_matrix_length)},
+      {Py_tp_new, py::slot(unit_matrix_new)},
+      {Py_tp_dealloc, py::slot(py::dealloc<unit_matrix_destroy>)},
+      {Py_tp_traverse, py::slot(unit_matrix_traverse)},
+      {Py_sq_length, py::slot(unit_matrix_length)},
       {Py_tp_methods, methods},
       {Py_tp_getset, attributes},
       {0, nullptr}};

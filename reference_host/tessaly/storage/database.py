@@ -11,6 +11,7 @@ import weakref
 from pathlib import Path
 from typing import Any
 
+from tessaly.storage._vector_index import StoredEmbedding
 from tessaly.storage.schema import TABLES, absent_tables, create_tables
 
 
@@ -147,10 +148,17 @@ class Database:
             return session.connection.execute(statement, parameters).fetchone()
 
     def fetchall(self, statement: str, parameters: tuple[Any, ...] = ()) -> list[tuple[Any, ...]]:
-        """All rows. Sees what is committed, and the open block of this thread."""
+        """All rows. Sees what is committed, and the open block of this thread.
+
+        Where the last column is ``embedding``, its BLOBs come as ``StoredEmbedding``.
+        """
         session = self._session()
         with session.lock:
-            return session.connection.execute(statement, parameters).fetchall()
+            cursor = session.connection.execute(statement, parameters)
+            columns = cursor.description
+            if columns is not None and columns[-1][0] == "embedding":
+                return StoredEmbedding.fetch(cursor)
+            return cursor.fetchall()
 
     def index_generation(self) -> int:
         """A number that changes with every ``replace_index``, whichever process makes it."""

@@ -5,9 +5,9 @@ from __future__ import annotations
 import sys
 from array import array
 from collections.abc import Mapping, Sequence, Set
-from math import isfinite
 from typing import Any
 
+from tessaly.storage._vector_index import StoredEmbedding, encode
 from tessaly.storage.database import Database
 
 _NATIVE = sys.byteorder == "little"
@@ -30,26 +30,23 @@ class VectorCodec:
         try:
             if kind is not list and kind is not tuple:
                 _check_sequence(embedding)
-            vector = array("f", embedding)
+            return encode(embedding)
         except TypeError as error:
             raise TypeError(f"an embedding is a sequence of numbers: {error}") from error
         except OverflowError as error:
             raise ValueError(f"an embedding has 32-bit components: {error}") from error
-        # The sum of finite 32-bit floats is a finite double, so one look tells for all of them.
-        if not isfinite(sum(vector)):
-            raise ValueError("an embedding's components must be finite, in the range of 32 bits")
-        if not _NATIVE:
-            vector.byteswap()
-        return vector.tobytes()
 
-    def decode(self, stored: bytes) -> Sequence[float]:
+    def decode(self, stored: bytes | StoredEmbedding) -> Sequence[float]:
         """The components of a stored BLOB, as a read-only buffer of 32-bit floats.
 
-        On a little-endian machine it shows the BLOB's own bytes and copies nothing.
+        On a little-endian machine it shows the BLOB's own bytes and copies nothing; what
+        ``Database.fetchall`` gives for a BLOB is such a buffer already.
 
         Raises:
             ValueError: ``stored`` is no such BLOB.
         """
+        if type(stored) is StoredEmbedding:
+            return stored
         if not isinstance(stored, bytes):
             raise ValueError(f"a stored embedding is a BLOB, not {type(stored).__name__}")
         if len(stored) % 4:

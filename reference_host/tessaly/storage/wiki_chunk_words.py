@@ -60,7 +60,7 @@ class ChunkWords:
             "CREATE VIRTUAL TABLE wiki_chunk_words USING fts5(heading, text, content='')"
         )
         connection.execute(
-            "INSERT INTO wiki_chunk_words (wiki_chunk_words, rank) VALUES ('hashsize', 16777216)"
+            "INSERT INTO wiki_chunk_words (wiki_chunk_words, rank) VALUES ('hashsize', 2097152)"
         )
         connection.execute("BEGIN")
         words._size = connection.executemany(
