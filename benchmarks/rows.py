@@ -21,6 +21,7 @@ from benchmarks.timing import progress
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 from tessaly.storage.schema import create_tables
+from tessaly.storage.wiki_chunk_words import create_word_table
 
 NAME = "rows"
 
@@ -57,7 +58,8 @@ print(resident() - before)
 def _pages(count: int) -> Iterator[tuple[str, list[dict[str, Any]]]]:
     """Page names with their chunks, the same ones in every run."""
     rng = random.Random(7)
-    vocabulary = ["".join(rng.choices("etaoinshrdlu", k=rng.randrange(2, 11))) for _ in range(8_000)]
+    letters = "etaoinshrdlu"
+    vocabulary = ["".join(rng.choices(letters, k=rng.randrange(2, 11))) for _ in range(8_000)]
     weights = [1 / (i + 1) for i in range(len(vocabulary))]
     for number in range(count):
         chunks = [
@@ -137,12 +139,10 @@ def _read_and_index(path: Path) -> float:
             closing(sqlite3.connect(":memory:", isolation_level=None)) as words,
         ):
             rows = connection.execute(_READ).fetchall()
-            words.execute("PRAGMA journal_mode = OFF")
-            words.execute("CREATE VIRTUAL TABLE words USING fts5(heading, text, content='')")
-            words.execute("INSERT INTO words (words, rank) VALUES ('hashsize', 2097152)")
+            create_word_table(words)
             words.execute("BEGIN")
             words.executemany(
-                "INSERT INTO words (rowid, heading, text) VALUES (?, ?, ?)",
+                "INSERT INTO wiki_chunk_words (rowid, heading, text) VALUES (?, ?, ?)",
                 [(row[0], row[2], row[3]) for row in rows],
             )
             words.execute("COMMIT")

@@ -19,6 +19,7 @@ from unittest import mock
 
 from benchmarks import plain_store
 from tessaly.storage import repository_wiki as native_store
+from tessaly.storage._vector_index import StoredEmbedding
 from tessaly.storage.database import Database
 from tessaly.storage.schema import TABLES
 from tessaly.storage.vector_codec import stored_vectors
@@ -201,8 +202,8 @@ def describe(value: Any) -> Any:
         return ("dict", *((describe(key), describe(item)) for key, item in value.items()))
     if isinstance(value, str) and "wiki_" in value:
         return re.sub(r"\s+", " ", value)
-    if isinstance(value, memoryview):
-        return ("memoryview", *value.tolist())
+    if isinstance(value, memoryview | StoredEmbedding):
+        return (type(value).__name__, *value)
     if isinstance(value, BaseException):
         told = re.sub("0x[0-9a-f]+", "0x", str(value))
         return (type(value).__name__, told, getattr(value, "name", None))

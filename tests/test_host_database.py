@@ -3,9 +3,9 @@
 from __future__ import annotations
 
 import contextlib
+import functools
+import random
 import sqlite3
-import subprocess
-import sys
 import tempfile
 import unittest
 from concurrent.futures import ThreadPoolExecutor
@@ -16,16 +16,11 @@ from unittest import mock
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 from tessaly.storage.schema import TABLES
+from tessaly.storage.vector_codec import stored_vectors
+from tests.support import CALLS_OF_THE_STORE, NEW_CHUNKS, fill
 
 STATE = "INSERT INTO wiki_state (branch, changed_since_build) VALUES (?, ?)"
 CHUNK = "INSERT INTO wiki_chunks (page_fk, branch, content, embedding) VALUES (?, 'b', 'c', x'')"
-OTHER_PROCESS = """
-import sys
-from tessaly.storage.database import Database
-with Database(sys.argv[1]) as database:
-    for _line in sys.stdin:
-        print(database.index_generation(), flush=True)
-"""
 
 
 class DatabaseCase(unittest.TestCase):
@@ -39,13 +34,13 @@ class DatabaseCase(unittest.TestCase):
     def in_thread(self, body: Any) -> Any:
         """The result of ``body`` in another thread, or its exception."""
         with ThreadPoolExecutor(1) as threads:
-            work = threads.submit(body)
-            return work.exception(20) or work.result()
+            return (work := threads.submit(body)).exception(20) or work.result()
 
-    def execute(self, name: str, statement: str, *parameters: Any) -> None:
-        """Runs a statement on a file as a stranger would."""
+    def execute(self, name: str, *statements: str) -> None:
+        """Runs statements on a file as a stranger would, without enforced keys."""
         with contextlib.closing(sqlite3.connect(self.folder / name)) as connection, connection:
-            connection.execute(statement, parameters)
+            for statement in statements:
+                connection.execute(statement)
 
 
 class Files(DatabaseCase):
@@ -75,6 +70,13 @@ class Files(DatabaseCase):
                 self.assertRaises(kind, database.replace_index, self.folder / name)
                 self.assertEqual(database.index_generation(), 1)
 
+    def test_new_files_have_pages_for_two_rows_and_old_ones_keep_theirs(self) -> None:
+        self.execute("old.db", "PRAGMA page_size = 4096", "CREATE TABLE notes (text)")
+        for name, size in (("old.db", 4096), ("new.db", 8192)) * 2:
+            database = self.open(name)
+            fill(database)
+            self.assertEqual(database.fetchall("PRAGMA page_size"), [(size,)])
+
 
 class Transactions(DatabaseCase):
     def test_a_block_takes_effect_whole_or_not_at_all(self) -> None:
@@ -82,40 +84,31 @@ class Transactions(DatabaseCase):
             cursor.execute("PRAGMA defer_foreign_keys = ON")
             cursor.execute(CHUNK, (99,))
 
-        for path in (":memory:", "wiki.db"):
-            database = self.open(path)
+        for database in (self.open(":memory:"), self.open("wiki.db")):
             for body, kind in (
                 (lambda cursor: cursor.execute("BAD"), sqlite3.OperationalError),
                 (mock.Mock(side_effect=KeyboardInterrupt), KeyboardInterrupt),
                 (failing_commit, sqlite3.IntegrityError),
                 (lambda _cursor: database.transaction().__enter__(), RuntimeError),
             ):
-                with self.subTest(path, kind=kind):
-                    with self.assertRaises(kind), database.transaction() as cursor:
-                        cursor.execute(STATE, ("lost", 1))
-                        body(cursor)
-                    self.assertEqual(database.fetchall("SELECT * FROM wiki_state"), [])
-                    self.assertEqual(database.fetchall("SELECT * FROM wiki_chunks"), [])
+                with self.assertRaises(kind), database.transaction() as cursor:
+                    cursor.execute(STATE, ("lost", 1))
+                    body(cursor)
+                rows = map(database.fetchall, (f"SELECT * FROM {table}" for table in TABLES))
+                self.assertEqual([*rows], [[], [], []], (database.path, kind))
 
     def test_threads_see_what_is_committed_and_lose_no_update(self) -> None:
         database = self.open("wiki.db")
         with database.transaction() as cursor:
             cursor.execute(STATE, ("main", 0))
-            inside = database.fetchone("SELECT branch FROM wiki_state")
-            outside = self.in_thread(lambda: database.fetchone("SELECT branch FROM wiki_state"))
-        self.assertEqual((inside, outside), (("main",), None))
+            branches = functools.partial(database.fetchall, "SELECT branch FROM wiki_state")
+            self.assertEqual((branches(), self.in_thread(branches)), ([("main",)], []))
         for _ in range(20):
-            self.in_thread(database.index_generation)
+            self.in_thread(branches)
         self.assertLessEqual(len(database._sessions), 2)  # connections go with their threads
-        for path in (":memory:", "wiki.db"):
-            repository = Repository(self.open(path))
-
-            def count(_number: int) -> None:
-                repository.bump_wiki_changed("main", 1)
-                repository.get_wiki_state("main")
-
+        for repository in (Repository(self.open(":memory:")), Repository(database)):
             with ThreadPoolExecutor(4) as threads:
-                list(threads.map(count, range(400)))
+                list(threads.map(lambda _: repository.bump_wiki_changed("main", 1), range(400)))
             self.assertEqual(repository.bump_wiki_changed("main", 0), 400)
 
     def test_a_writer_waits_only_as_long_as_it_was_told(self) -> None:
@@ -125,75 +118,76 @@ class Transactions(DatabaseCase):
             self.assertRegex(repr(error), "OperationalError.*locked")
             self.assertIn("transaction is open", str(self.in_thread(database.close)))
         database.close()
-        for call in (lambda: database.fetchone("SELECT 1"), database.index_generation):
-            self.assertRaises(sqlite3.ProgrammingError, call)
-            self.assertIsInstance(self.in_thread(call), sqlite3.ProgrammingError)
+        self.assertRaises(sqlite3.ProgrammingError, database.index_generation)
+        error = self.in_thread(database.index_generation)
+        self.assertRegex(repr(error), "ProgrammingError.*closed")
 
 
-class Schema(DatabaseCase):
-    def test_rows_follow_their_page_ids_are_not_used_twice_and_no_table_is_scanned(self) -> None:
+class Rows(DatabaseCase):
+    def test_follow_their_page_have_ids_of_their_own_and_are_found_without_a_scan(self) -> None:
         database = self.open()
+        repository = Repository(database)
+        fill(database)
         seen: list[str] = []
         database._session().connection.set_trace_callback(seen.append)
-        repository = Repository(database)
-        chunk = {"content": "text", "heading": "h", "embedding": [1.0]}
-        first = repository.upsert_wiki_page("b", "p", "P", source_files=["f"])
-        repository.replace_wiki_chunks(first, "b", [chunk, chunk], "model")
-        self.assertEqual(repository.upsert_wiki_page("b", "p", "P again"), first)
-        repository.update_wiki_chunk_embeddings("b", [(1, [1.0])], "model")
-        repository.update_wiki_page_citations(
-            "b", "p", citations=[], content_hash="", build_cache="", rewrite=str, moves={}
-        )
-        repository.search_wiki_chunks([1.0], "b")
-        readers = "wiki_chunk_headings wiki_chunk_texts wiki_chunk_dimension get_wiki_pages"
-        for method in [*readers.split(), "get_wiki_state"]:
-            getattr(repository, method)("b")
-        repository.wiki_pages_citing("b", ["f"])
-        repository.bump_wiki_changed("b", 1)
-        repository.delete_wiki_page("b", "p")
-        statements = [text for text in seen if "wiki_" in text and not text.startswith("--")]
-        self.assertGreater(len(statements), 15)
+        with self.assertLogs("tessaly.storage.repository_wiki"):
+            for (method, given, named), _cached in CALLS_OF_THE_STORE:
+                rewrite = {"rewrite": str} if "moves" in named else {}
+                getattr(repository, method)(*given, **named, **rewrite)
+        statements = {text for text in seen if "wiki_" in text and not text.startswith("--")}
+        self.assertGreater(len(statements), 30)
         for text in statements:
             for row in database.fetchall(f"EXPLAIN QUERY PLAN {text}"):
                 self.assertNotRegex(row[3], r"SCAN (wiki_|[cp]\b)", text)
-        self.assertEqual(database.fetchall("SELECT * FROM wiki_chunks"), [])
+        first = repository.upsert_wiki_page("b", "p", "P")
+        repository.replace_wiki_chunks(first, "b", NEW_CHUNKS, "model")
+        self.assertEqual(repository.upsert_wiki_page("b", "p", "P again"), first)
+        repository.delete_wiki_page("b", "p")
+        self.assertEqual(database.fetchall("SELECT * FROM wiki_chunks WHERE branch = 'b'"), [])
         self.assertGreater(repository.upsert_wiki_page("b", "p", "P"), first)
-        stale = (first, "b", [chunk], "model")
+        stale = (first, "b", NEW_CHUNKS, "model")
         self.assertRaises(sqlite3.IntegrityError, repository.replace_wiki_chunks, *stale)
+
+    def test_embeddings_are_what_was_stored_however_many_there_are(self) -> None:
+        codec, rng = stored_vectors(None), random.Random(1)
+        stored = [codec.encode([rng.random() for _ in range(n % 300)]) for n in range(600)]
+        database = self.open(":memory:")
+        database.fetchall("CREATE TABLE t (embedding)")
+        for value in (b"odd", None, "text", *stored):
+            database.fetchall("INSERT INTO t VALUES (?)", (value,))
+        rows = database.fetchall("SELECT embedding FROM t ORDER BY rowid")
+        self.assertEqual(rows, database.fetchall("SELECT embedding FROM t ORDER BY rowid"))
+        self.assertEqual(rows[:3], [(b"odd",), (None,), ("text",)])
+        kept = rng.sample([(row[0], blob) for row, blob in zip(rows[3:], stored)], 300)
+        del rows  # what is kept keeps its memory
+        for embedding, blob in kept:
+            view = memoryview(codec.decode(embedding))
+            self.assertEqual((view.tobytes(), view.format, view.readonly), (blob, "f", True))
+            self.assertEqual(list(embedding), list(codec.decode(blob)))
+            self.assertEqual(embedding == kept[0][0], blob == kept[0][1])
 
 
 class Generation(DatabaseCase):
-    def filled(self, name: str, pages: int) -> Database:
-        repository = Repository(self.open(name))
-        for number in range(pages):
-            page = repository.upsert_wiki_page("main", f"{name} {number}", "title")
-            chunk = {"content": f"text {number}", "embedding": [1.0, number]}
-            repository.replace_wiki_chunks(page, "main", [chunk], "model")
-        repository.bump_wiki_changed("main", pages)
-        return repository.db
+    def filled(self, name: str) -> Database:
+        database = self.open(name)
+        fill(database)
+        Repository(database).upsert_wiki_page("main", name, name)
+        return database
 
-    def test_a_swap_brings_all_rows_or_none_and_every_process_sees_it(self) -> None:
+    def test_a_swap_brings_all_rows_or_none_and_everybody_sees_it(self) -> None:
         def contents(database: Database) -> list[Any]:
             return [database.fetchall(f"SELECT * FROM {table} ORDER BY 1") for table in TABLES]
 
-        old, new = self.filled("old.db", 3), self.filled("new.db", 5)
-        command = [sys.executable, "-c", OTHER_PROCESS, str(self.folder / "old.db")]
-        pipe = subprocess.PIPE
-        with subprocess.Popen(command, stdin=pipe, stdout=pipe, text=True) as other:
-            def answer() -> int:
-                print(file=other.stdin, flush=True)
-                return int(other.stdout.readline())
-
-            seen = [answer(), answer(), old.index_generation()]
-            for _ in range(2):
-                old.replace_index(self.folder / "new.db")
-                self.assertNotIn(answer(), seen)
-                seen.append(answer())
-            self.assertEqual(seen[:3], [seen[0]] * 3)
-            self.assertEqual(seen[-1], old.index_generation())
-        self.assertEqual(contents(old), contents(new))
-        self.filled("bad.db", 4).close()
-        self.execute("bad.db", CHUNK, 99)  # without enforced keys
+        old, new, other = self.filled("old.db"), self.filled("new.db"), self.open("old.db")
+        seen = [other.index_generation()]
+        for _ in range(2):
+            old.replace_index(self.folder / "new.db")
+            self.assertEqual(other.index_generation(), old.index_generation())
+            self.assertNotIn(old.index_generation(), seen)
+            seen.append(old.index_generation())
+        self.assertEqual(contents(other), contents(new))
+        self.filled("bad.db").close()
+        self.execute("bad.db", CHUNK.replace("?", "99"))
         with self.assertRaisesRegex(sqlite3.IntegrityError, "bad.db.*FOREIGN KEY"):
             old.replace_index(self.folder / "bad.db")
         self.assertEqual(old.index_generation(), seen[-1])

@@ -54,19 +54,16 @@ class ChunkWords:
         if not has_fts5(connection):
             words.close()
             return words
-        connection.execute("PRAGMA journal_mode = OFF")
-        # Contentless: the chunks' texts are kept by their users, not here once more.
-        connection.execute(
-            "CREATE VIRTUAL TABLE wiki_chunk_words USING fts5(heading, text, content='')"
-        )
-        connection.execute(
-            "INSERT INTO wiki_chunk_words (wiki_chunk_words, rank) VALUES ('hashsize', 2097152)"
-        )
+        create_word_table(connection)
         connection.execute("BEGIN")
-        words._size = connection.executemany(
+        connection.executemany(
             "INSERT INTO wiki_chunk_words (rowid, heading, text) VALUES (?, ?, ?)", _storable(items)
-        ).rowcount
+        )
         connection.execute("COMMIT")
+        # One row a chunk stands in the table of their sizes, which counts faster than the index.
+        (words._size,) = connection.execute(
+            "SELECT count(*) FROM wiki_chunk_words_docsize"
+        ).fetchone()
         return words
 
     def best(self, terms: Sequence[str], top_k: int) -> list[int] | None:
@@ -177,6 +174,22 @@ def has_fts5(connection: sqlite3.Connection) -> bool:
     ).fetchone() is not None  # fmt: skip
 
 
+def create_word_table(connection: sqlite3.Connection) -> None:
+    """Create ``wiki_chunk_words`` in a new database in memory, with options for filling it once."""
+    connection.execute("PRAGMA journal_mode = OFF")
+    connection.execute("PRAGMA page_size = 16384")  # in smaller pages their headers tell
+    # Contentless: the chunks' texts are kept by their users, not here once more.
+    connection.execute(
+        "CREATE VIRTUAL TABLE wiki_chunk_words USING fts5(heading, text, content='')"
+    )
+    # It is written in parts of three megabytes, merged when they are many: with smaller ones it
+    # takes longer, larger ones leave a hole of their size in memory.
+    for option in (("hashsize", 3 << 20), ("automerge", 0)):
+        connection.execute(
+            "INSERT INTO wiki_chunk_words (wiki_chunk_words, rank) VALUES (?, ?)", option
+        )
+
+
 def _storable(
     items: Iterable[tuple[int, str | None, str]],
 ) -> Iterator[tuple[int, str, str]]:
@@ -184,8 +197,8 @@ def _storable(
         yield chunk_id, _valid(heading or ""), _valid(text)
 
 
-# By FTS5's BM25 a phrase adds to a chunk's score its weight, times 1 where it stands once in a chunk
-# of mean length, and less than k1 + 1 anywhere (k1 = 1.2).
+# By FTS5's BM25 a phrase adds its weight to the score of a chunk of mean length that has it once, and
+# less than k1 + 1 times its weight to any (k1 = 1.2).
 _MOST = 2.2
 
 
