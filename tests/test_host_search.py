@@ -2,9 +2,8 @@
 
 from __future__ import annotations
 
-import contextlib
+import functools
 import itertools
-import math
 import random
 import sqlite3
 import struct
@@ -13,11 +12,10 @@ import unittest
 from array import array
 from collections.abc import Iterable
 from concurrent.futures import ThreadPoolExecutor
-from fractions import Fraction
+from math import hypot, inf, nan, sumprod
 from typing import Any
 from unittest import mock
 
-from tessaly.storage import wiki_chunk_words
 from tessaly.storage.vector_codec import stored_vectors
 from tessaly.storage.vector_index import EmbeddingIndex
 from tessaly.storage.wiki_chunk_words import ChunkWords, WikiChunkIndex
@@ -33,41 +31,32 @@ def index_of(vectors: Iterable[Any], dimension: int) -> EmbeddingIndex:
     return index
 
 
-def cosine(a: Any, b: Any) -> float:
-    lengths = math.hypot(*a) * math.hypot(*b)
-    return sum(map(float.__mul__, map(float, a), map(float, b))) / lengths if lengths else 0.0
-
-
-class Codec(unittest.TestCase):
+class HostSearch(unittest.TestCase):
     codec = stored_vectors(None)  # all databases share one form
 
     def test_every_kind_of_vector_is_stored_as_little_endian_floats(self) -> None:
-        numbers = [1.0, -2.5, 0.1]
-        blob = struct.pack("<3f", *numbers)
+        blob = struct.pack("<3f", *(numbers := [1.0, -2.5, 0.1]))
         strided = memoryview(array("d", [1.0, 9.0, -2.5, 9.0, 0.1, 9.0]))[::2]
         for vector in (numbers, tuple(numbers), array("f", numbers), array("d", numbers), strided):
             self.assertEqual(self.codec.encode(vector), blob)
         self.assertEqual(list(self.codec.decode(blob)), list(struct.unpack("<3f", blob)))
-        mixed = [0.5, 2, True, 3.4028234e38, 1e-45, Fraction(1, 4)]
+        mixed = [0.5, 2, True, 3.4028234e38, 1e-45, memoryview(b"7")[0]]
         self.assertEqual(self.codec.encode(mixed), struct.pack("<6f", *mixed))
         self.assertEqual((self.codec.encode([]), len(self.codec.decode(b""))), (b"", 0))
 
     def test_what_is_no_vector_is_named(self) -> None:
-        encode, decode, not_finite = self.codec.encode, self.codec.decode, [0.0] * 40 + [math.nan]
+        encode, decode, not_finite = self.codec.encode, self.codec.decode, [0.0] * 40 + [nan]
         for kind, words, call, *values in (
             (TypeError, "sequence of numbers: .*not", encode, ["x"], (1.0, None), "12", b"1234"),
             (TypeError, "sequence of numbers: .*not", encode, {1.0: 2.0}, (x for x in (1.0,))),
-            (ValueError, "too large", encode, [10**400]),
             (ValueError, "finite", encode, [1e39, -1e39], not_finite, array("f", not_finite)),
-            (ValueError, "finite", encode, array("d", [-3.5e38]), (math.inf,)),
+            (ValueError, "too large", encode, [10**400]),
             (ValueError, "5 bytes", decode, b"12345"),
             (ValueError, "a BLOB, not NoneType", decode, None),
         ):
             for value in values:
                 self.assertRaisesRegex(kind, words, call, value)
 
-
-class Cosine(unittest.TestCase):
     def test_ranks_as_plain_python_does(self) -> None:
         rng = random.Random(SEED)
         # Lengths around the widths of the vector loops, and numbers around the block of the scan.
@@ -81,7 +70,8 @@ class Cosine(unittest.TestCase):
                 self.assertEqual(hits, sorted(hits, key=lambda hit: (-hit[1], hit[0])))
                 self.assertEqual(sorted(i for i, _ in hits), [7 * i - 20 for i in range(count)])
                 for chunk_id, similarity in hits:
-                    exact = cosine(vectors[(chunk_id + 20) // 7], query)
+                    vector = vectors[(chunk_id + 20) // 7]
+                    exact = sumprod(vector, query) / (hypot(*vector) * hypot(*query) or 1.0)
                     self.assertAlmostEqual(similarity, exact, delta=TOLERANCE)
                     self.assertEqual(index.similarities(query, [chunk_id]), [similarity])
                 for top_k in (-1, 0, 1, 20, count):
@@ -89,9 +79,9 @@ class Cosine(unittest.TestCase):
                         self.assertEqual(index.nearest(same, top_k), hits[: max(0, top_k)])
 
     def test_ties_extremes_and_vectors_without_direction(self) -> None:
-        tiny, infinite = array("f", [1e-45, 1e-45]), array("f", [math.inf, 1.0])
+        tiny, infinite = array("f", [1e-45, 1e-45]), array("f", [inf, 1.0])
         vectors = {-5: [0.0, 0.0], 1: [3e38, 3e38], 2: tiny, 3: (1e300, 1e300)}
-        index = index_of([*vectors.items(), (4, [math.nan, 1.0]), (5, infinite), (6, [-2, -2])], 2)
+        index = index_of([*vectors.items(), (4, [nan, 1.0]), (5, infinite), (6, [-2, -2])], 2)
         hits = index.nearest([1e-200, 1e-200], 7)
         self.assertEqual([chunk_id for chunk_id, _ in hits], [1, 2, 3, -5, 4, 5, 6])
         for (_, found), exact in zip(hits, (1, 1, 1, 0, 0, 0, -1)):
@@ -100,7 +90,7 @@ class Cosine(unittest.TestCase):
             pair = index_of([(1, vector), (2, [-x for x in vector])], 9)
             (_, same), (_, other) = pair.nearest(vector, 2)
             self.assertTrue(-1.0 <= other < -1 + TOLERANCE and 1 - TOLERANCE < same <= 1.0)
-        self.assertEqual(index.nearest([math.nan, 1.0], 3), [(-5, 0.0), (1, 0.0), (2, 0.0)])
+        self.assertEqual(index.nearest([nan, 1.0], 3), [(-5, 0.0), (1, 0.0), (2, 0.0)])
         self.assertEqual(index.similarities([1.0, 1.0], [0, 99, -5]), [0.0, 0.0, 0.0])
         self.assertRaisesRegex(ValueError, "3 components, the index 2", index.nearest, [1] * 3, 1)
 
@@ -151,17 +141,14 @@ class Cosine(unittest.TestCase):
                 while not loading.done():
                     self.assertIn(index.nearest([1.0] * 64, 30), expected)
 
-
-class Words(unittest.TestCase):
     def test_terms_are_words_and_never_syntax(self) -> None:
         items = [(1, None, "alpha beta\0gamma a_snake_case"), (3, "star", "x" * 1_000_000)]
         items.insert(1, (2, "AND", "delta \ud800 epsilon café"))
         words = ChunkWords.build(iter(items))
         syntax = ["al*", "alpha OR delta", "heading:alpha", "alpha NOT beta", "NEAR(alpha beta)"]
         no_word = ["", '"', "*", "\0", "\ud800", "--", "\N{COMBINING ACUTE ACCENT}"]
-        many = [*(f"none{i}" for i in range(3000)), "alpha"]
         for expected, *searches in (
-            ([1], ["alpha"], ["GAMMA", "gamma"], ["snake_case"], many),
+            ([1], ["alpha"], ["GAMMA", "gamma"], ["snake_case"], [*map(str, range(3000)), "alpha"]),
             ([2], ["AND"], ["cafe"], ["delta\udfff"]),
             ([1, 2, 3], ["alpha\0", '"delta"', ")", "^star"]),
             ([], ["case_snake"], ["sta*"], ['alpha" OR "delta'], syntax, ["y" * 1_000_000]),
@@ -174,8 +161,7 @@ class Words(unittest.TestCase):
 
     def test_order_is_that_of_fts5_over_all_terms(self) -> None:
         rng = random.Random(SEED)
-        # Common words, rare ones, and one in long chunks alone, where it weighs less than a common
-        # word does in a short chunk.
+        # "far" stands in long chunks only: it weighs less there than a common word in a short one.
         vocabulary = [*(f"word{i}" for i in range(400)), "a_b", "NOT"]
         weights = [1 / (i + 1) for i in range(len(vocabulary))]
         items = [(1, "word0", "rare other words"), (2, None, "rare word0 words")]
@@ -184,7 +170,8 @@ class Words(unittest.TestCase):
             items.append((i, rng.choice(vocabulary), " ".join(words) + ("" if i % 60 else " far")))
         searches = [rng.choices(vocabulary, weights, k=rng.randrange(1, 9)) for _ in range(60)]
         searches += [["word0", "rare"], ["far", "word4"], ["far", "far", "word9"]]
-        plain = self.enterContext(contextlib.closing(sqlite3.connect(":memory:")))
+        plain = sqlite3.connect(":memory:")
+        self.addCleanup(plain.close)
         plain.execute("CREATE VIRTUAL TABLE plain USING fts5(heading, text)")
         plain.executemany("INSERT INTO plain (rowid, heading, text) VALUES (?, ?, ?)", items)
         index = ChunkWords.build(iter(items))
@@ -193,36 +180,26 @@ class Words(unittest.TestCase):
             expected = [row[0] for row in plain.execute(ORDER, (query, top_k))]
             self.assertEqual(index.best(terms, top_k), expected, (SEED, terms, top_k))
 
-
-def ranking_of(vectors: dict[int, list[float]], texts: dict[int, str]) -> WikiChunkIndex:
-    chunks = {chunk_id: (1, None, text, None) for chunk_id, text in texts.items()}
-    words = ChunkWords.build((i, None, text) for i, text in texts.items())
-    index = index_of(vectors.items(), 2)
-    return WikiChunkIndex(generation=1, dimension=2, index=index, chunks=chunks, words=words)
-
-
-class Ranked(unittest.TestCase):
-    def test_fuses_by_reciprocal_rank(self) -> None:
+    def test_fused_by_reciprocal_rank_or_else_by_similarity(self) -> None:
         rng = random.Random(SEED)
         texts = {i: " ".join(rng.choices(["red", "green", "blue"], k=4)) for i in range(1, 80)}
         # Some chunks have no vector: only their words can find them.
-        vectors = {i: [rng.gauss(0, 1), rng.gauss(0, 1)] for i in texts if rng.random() < 0.8}
-        index, query = ranking_of(vectors, texts), [1.0, 0.5]
+        vectors = [(i, [rng.gauss(0, 1), rng.gauss(0, 1)]) for i in texts if rng.random() < 0.8]
+        words = ChunkWords.build((i, None, text) for i, text in texts.items())
+        embeddings, query, chunks = index_of(vectors, 2), [1.0, 0.5], dict.fromkeys(texts)
+        make = functools.partial(WikiChunkIndex, generation=1, dimension=2, index=embeddings)
+        index = make(chunks=chunks, words=words)
         for top_k in (1, 3, 20, 1000):
-            meaning = [chunk_id for chunk_id, _ in index.index.nearest(query, top_k)]
-            both = meaning, index.words.best(["red", "blue"], top_k)
+            nearest = embeddings.nearest(query, top_k)
+            both = [i for i, _ in nearest], words.best(["red", "blue"], top_k)
             scores = {i: sum(1 / (61 + r.index(i)) for r in both if i in r) for i in sum(both, [])}
             order = sorted(scores, key=lambda i: (-scores[i], i))[:top_k]
-            similarities = index.index.similarities(query, order)
+            similarities = embeddings.similarities(query, order)
             expected = [(i, similarity, scores[i]) for i, similarity in zip(order, similarities)]
-            hits = index.ranked(query, top_k, ("red", "blue"))
-            self.assertEqual(hits, expected, (SEED, top_k))
-
-    def test_falls_back_to_the_similarity(self) -> None:
-        vectors, texts = {1: [1.0, 0.0], 2: [0.0, 1.0], 3: [1.0, 0.0]}, {1: "", 2: "red", 3: "red"}
-        index = ranking_of(vectors, texts)
-        with mock.patch.object(wiki_chunk_words, "has_fts5", return_value=False):
-            without_fts5 = ranking_of(vectors, texts)
-        for case, terms in ((index, ()), (index, ["", "*"]), (without_fts5, ["red"])):
-            self.assertEqual(case.ranked([1.0, 0.0], 2, terms), [(1, 1.0, None), (3, 1.0, None)])
-        self.assertEqual(index.ranked([1.0, 0.0], -1, ["red"]), [])
+            self.assertEqual(index.ranked(query, top_k, ("red", "blue")), expected, (SEED, top_k))
+            with mock.patch("tessaly.storage.wiki_chunk_words.has_fts5", return_value=False):
+                wordless = make(chunks=chunks, words=ChunkWords.build(()))
+            for case, terms in ((index, ()), (index, ["", "*"]), (wordless, ["red"])):
+                expected = [(*hit, None) for hit in nearest]
+                self.assertEqual(case.ranked(query, top_k, terms), expected)
+        self.assertEqual(index.ranked(query, -1, ["red"]), [])
