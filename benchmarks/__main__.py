@@ -65,7 +65,8 @@ def main(arguments: list[str]) -> int:
     parser.add_argument("--quick", action="store_true", help="a few repeats, to see that it runs")
     options = parser.parse_args(arguments)
     if options.list:
-        print(*(workload.name for workload in WORKLOADS), *ranking.NAMES, rows.NAME, startup.NAME, sep="\n")
+        names = [workload.name for workload in WORKLOADS]
+        print(*names, *ranking.NAMES, rows.NAME, startup.NAME, sep="\n")
         return 0
     wanted = (options.only or "").lower()
     chosen = [workload for workload in WORKLOADS if wanted in workload.name.lower()]

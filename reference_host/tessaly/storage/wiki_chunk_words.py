@@ -197,8 +197,8 @@ def _storable(
         yield chunk_id, _valid(heading or ""), _valid(text)
 
 
-# By FTS5's BM25 a phrase adds its weight to the score of a chunk of mean length that has it once, and
-# less than k1 + 1 times its weight to any (k1 = 1.2).
+# By FTS5's BM25 a phrase adds its weight to the score of a chunk of mean length that has it once,
+# and less than k1 + 1 times its weight to any (k1 = 1.2).
 _MOST = 2.2
 
 
