@@ -192,9 +192,13 @@ def create_word_table(connection: sqlite3.Connection) -> None:
 
 def _storable(
     items: Iterable[tuple[int, str | None, str]],
-) -> Iterator[tuple[int, str, str]]:
-    for chunk_id, heading, text in items:
-        yield chunk_id, _valid(heading or ""), _valid(text)
+) -> Iterator[tuple[int, str | None, str]]:
+    for item in items:
+        chunk_id, heading, text = item
+        if (heading is None or heading.isascii()) and text.isascii():
+            yield item
+        else:
+            yield chunk_id, _valid(heading or ""), _valid(text)
 
 
 # By FTS5's BM25 a phrase adds its weight to the score of a chunk of mean length that has it once,
@@ -221,4 +225,4 @@ def _phrases(terms: Sequence[str]) -> list[str]:
 
 def _valid(text: str) -> str:
     """The text with a question mark for each lone surrogate, which SQLite could not store."""
-    return text if text.isascii() else text.encode("utf-8", "replace").decode("utf-8")
+    return text.encode("utf-8", "replace").decode("utf-8")
