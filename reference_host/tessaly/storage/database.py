@@ -115,8 +115,8 @@ class Database:
             session = self._connect(self.path, uri=False)
             try:
                 # A row with an embedding of 384 components takes half of such a page; of SQLite's
-                # usual pages it would take a whole one and waste a third. Files that have pages
-                # keep theirs.
+                # usual pages it would take a whole one and leave the rest of it empty. Files that
+                # have pages keep theirs.
                 session.connection.execute("PRAGMA page_size = 8192")
                 absent = absent_tables(session.connection)
                 if not in_memory:

@@ -56,14 +56,10 @@ class ChunkWords:
             return words
         create_word_table(connection)
         connection.execute("BEGIN")
-        connection.executemany(
+        words._size = connection.executemany(
             "INSERT INTO wiki_chunk_words (rowid, heading, text) VALUES (?, ?, ?)", _storable(items)
-        )
+        ).rowcount
         connection.execute("COMMIT")
-        # One row a chunk stands in the table of their sizes, which counts faster than the index.
-        (words._size,) = connection.execute(
-            "SELECT count(*) FROM wiki_chunk_words_docsize"
-        ).fetchone()
         return words
 
     def best(self, terms: Sequence[str], top_k: int) -> list[int] | None:
