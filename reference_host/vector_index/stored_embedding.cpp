@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "numbers.h"
+#include "py/containers.h"
 #include "py/heap_type.h"
-#include "py/objects.h"
 
 namespace tessaly::vectors {
 

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "numbers.h"
+#include "py/containers.h"
 #include "py/heap_type.h"
-#include "py/objects.h"
 #include "unit_matrix.h"
 
 namespace tessaly::vectors {
@@ -117,11 +117,11 @@ Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
     const WithoutInterpreter released;
     hits = matrix->nearest(unit.data(), static_cast<std::size_t>(wanted));
   }
-  py::ListBuilder pairs(static_cast<Py_ssize_t>(hits.size()));
+  Owned pairs = py::new_list();
   for (const Hit& hit : hits)
-    pairs.append(Owned::steal(Py_BuildValue("(Ld)", static_cast<long long>(hit.id),
-                                            static_cast<double>(hit.similarity))));
-  return std::move(pairs).take();
+    py::append(pairs, Owned::steal(Py_BuildValue("(Ld)", static_cast<long long>(hit.id),
+                                                 static_cast<double>(hit.similarity))));
+  return pairs;
 }
 
 Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids) {
