@@ -71,8 +71,7 @@ consteval MethodRow method_of(py::Owned (*)(const Call&, Arguments...), const ch
   constexpr Invoke kInvoke = [](const Call& call, [[maybe_unused]] PyObject* const* arguments) {
     return [&]<std::size_t... I>(std::index_sequence<I...>) {
       return Body(call, py::Handle(arguments[I])...);
-    }
-    (std::index_sequence_for<Arguments...>());
+    }(std::index_sequence_for<Arguments...>());
   };
   return {name, signature, doc, line, parameters, kInvoke};
 }

@@ -40,8 +40,7 @@ PyObject* entry(PyObject* function, PyObject* const* passed, std::size_t flags_a
 
 constexpr std::array kEntries = []<std::size_t... I>(std::index_sequence<I...>) {
   return std::array<vectorcallfunc, kCount>{entry<I>...};
-}
-(std::make_index_sequence<kCount>());
+}(std::make_index_sequence<kCount>());
 
 /// Makes a method of a function from `definitions`.
 void finish_method(ModuleState& state, std::size_t number, Handle function) {

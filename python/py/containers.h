@@ -105,8 +105,7 @@ std::array<Owned, Count> unpack(Handle object) {
   unpack_into(object, Count, items.data());
   return [&items]<std::size_t... I>(std::index_sequence<I...>) {
     return std::array<Owned, Count>{std::move(*items[I])...};
-  }
-  (std::make_index_sequence<Count>());
+  }(std::make_index_sequence<Count>());
 }
 
 /// `dict[key] = value` of an exact dict.
