@@ -203,7 +203,7 @@ def describe(value: Any) -> Any:
     if isinstance(value, str) and "wiki_" in value:
         return re.sub(r"\s+", " ", value)
     if isinstance(value, memoryview | StoredEmbedding):
-        return (type(value).__name__, *value)
+        return ("embedding", *value)
     if isinstance(value, BaseException):
         told = re.sub("0x[0-9a-f]+", "0x", str(value))
         return (type(value).__name__, told, getattr(value, "name", None))

@@ -137,7 +137,7 @@ SABOTAGES: list[tuple[str, Sabotage]] = [
 GOOD: dict[str, Sabotage] = {
     "intact": contextlib.nullcontext,
     "half precision": codec(lambda given: struct.pack(f"{len(given)}e", *given),
-        lambda kept: struct.unpack(f"{memoryview(kept).nbytes // 2}e", kept)),
+        lambda kept: struct.unpack(f"{len(kept) // 2}e", kept)),
     "rows that know their columns": connected(
         lambda made: setattr(made, "row_factory", sqlite3.Row)),
     "another class of connections": of(sqlite3, "connect", lambda connect: functools.partial(

@@ -24,10 +24,14 @@ constexpr bool kLittleEndian = std::endian::native == std::endian::little;
 /// Unknown to garbage collection: all it refers to is bytes, which refer to nothing.
 struct StoredEmbedding {
   PyObject_HEAD
-  py::Member block;  // the bytes object that the components lie in
-  const float* components;
-  Py_ssize_t size;
+  py::Member block;  // the bytes object that it lies in
+  const char* data;
+  Py_ssize_t bytes;
+  Py_ssize_t length;  // of it as a sequence: its bytes, or its floats
+  bool shows_floats;
 };
+
+constexpr Py_ssize_t kFloat = sizeof(float);
 
 StoredEmbedding& native(PyObject* self) { return *reinterpret_cast<StoredEmbedding*>(self); }
 
@@ -42,11 +46,7 @@ class Blocks {
     char* const copy = PyBytes_AS_STRING(block_->ptr()) + used_;
     std::memcpy(copy, PyBytes_AS_STRING(blob.ptr()), static_cast<std::size_t>(bytes));
     used_ += bytes;
-    Owned made = Owned::steal(type_->tp_alloc(type_, 0));
-    native(made.ptr()).block.set(Owned::borrow(*block_));
-    native(made.ptr()).components = reinterpret_cast<const float*>(copy);
-    native(made.ptr()).size = bytes / static_cast<Py_ssize_t>(sizeof(float));
-    return made;
+    return make(type_, *block_, copy, bytes, false);
   }
 
  private:
@@ -67,8 +67,7 @@ class Blocks {
 };
 
 bool is_stored_form(PyObject* value) {
-  return kLittleEndian && PyBytes_CheckExact(value) &&
-         PyBytes_GET_SIZE(value) % static_cast<Py_ssize_t>(sizeof(float)) == 0;
+  return kLittleEndian && PyBytes_CheckExact(value) && PyBytes_GET_SIZE(value) % kFloat == 0;
 }
 
 /// Spares garbage collection a row that refers to nothing it knows, which it would find out itself
@@ -106,14 +105,25 @@ PyObject* stored_embedding_fetch(PyObject* type, PyObject* cursor) {
   return py::guarded([&] { return fetch(type, cursor); });
 }
 
-Py_ssize_t stored_embedding_length(PyObject* self) { return native(self).size; }
+PyObject* stored_embedding_floats(PyObject* self, PyObject*) {
+  const StoredEmbedding& stored = native(self);
+  return py::guarded(
+      [&] { return make(Py_TYPE(self), stored.block, stored.data, stored.bytes, true); });
+}
+
+Py_ssize_t stored_embedding_length(PyObject* self) { return native(self).length; }
 
 PyObject* stored_embedding_item(PyObject* self, Py_ssize_t position) {
-  if (position < 0 || position >= native(self).size) {
+  const StoredEmbedding& embedding = native(self);
+  if (position < 0 || position >= embedding.length) {
     PyErr_SetString(PyExc_IndexError, "an embedding has no such component");
     return nullptr;
   }
-  return PyFloat_FromDouble(static_cast<double>(native(self).components[position]));
+  if (!embedding.shows_floats)
+    return PyLong_FromLong(static_cast<unsigned char>(embedding.data[position]));
+  float component = 0;
+  std::memcpy(&component, embedding.data + position * kFloat, sizeof(component));
+  return PyFloat_FromDouble(static_cast<double>(component));
 }
 
 PyObject* stored_embedding_compare(PyObject* self, PyObject* other, int operation) {
@@ -122,19 +132,20 @@ PyObject* stored_embedding_compare(PyObject* self, PyObject* other, int operatio
   const StoredEmbedding& a = native(self);
   const StoredEmbedding& b = native(other);
   const bool equal =
-      std::equal(a.components, a.components + a.size, b.components, b.components + b.size);
+      a.length == b.length && std::equal(a.data, a.data + a.bytes, b.data, b.data + b.bytes);
   return PyBool_FromLong(equal == (operation == Py_EQ));
 }
 
 int stored_embedding_buffer(PyObject* self, Py_buffer* view, int flags) {
-  static Py_ssize_t stride = sizeof(float);
+  static Py_ssize_t stride = kFloat;
   StoredEmbedding& embedding = native(self);
-  if (PyBuffer_FillInfo(view, self, const_cast<float*>(embedding.components),
-                        embedding.size * stride, 1, flags) < 0)
+  if (PyBuffer_FillInfo(view, self, const_cast<char*>(embedding.data), embedding.bytes, 1, flags) <
+      0)
     return -1;
+  if (!embedding.shows_floats) return 0;
   view->itemsize = stride;
   if (view->format != nullptr) view->format = const_cast<char*>("f");
-  if (view->shape != nullptr) view->shape = &embedding.size;
+  if (view->shape != nullptr) view->shape = &embedding.length;
   if (view->strides != nullptr) view->strides = &stride;
   return 0;
 }
@@ -174,10 +185,12 @@ Owned make_stored_embedding_type(Handle module) {
        "fetch($type, cursor, /)\n--\n\n"
        "The rows that the cursor has left, as a list; a BLOB that ends a row comes as such an\n"
        "embedding, unless its length is none."},
+      {"floats", stored_embedding_floats, METH_NOARGS,
+       "floats($self, /)\n--\n\nIts components: a read-only sequence and buffer of 32-bit floats."},
       {}};
   PyType_Slot slots[] = {
-      {Py_tp_doc, const_cast<char*>("An embedding of a database row: a read-only sequence and\n"
-                                    "buffer of 32-bit floats. Made by fetch.")},
+      {Py_tp_doc, const_cast<char*>("An embedding as a row of the database holds it: bytes, not\n"
+                                    "to be written. Made by fetch.")},
       {Py_tp_methods, methods},
       {Py_tp_dealloc, py::slot(stored_embedding_dealloc)},
       {Py_tp_richcompare, py::slot(stored_embedding_compare)},

@@ -150,7 +150,7 @@ class Database:
     def fetchall(self, statement: str, parameters: tuple[Any, ...] = ()) -> list[tuple[Any, ...]]:
         """All rows. Sees what is committed, and the open block of this thread.
 
-        Where the last column is ``embedding``, its BLOBs come as ``StoredEmbedding``.
+        Where the last column is ``embedding``, its BLOBs come as ``StoredEmbedding``: bytes-like.
         """
         session = self._session()
         with session.lock:

@@ -39,14 +39,13 @@ class VectorCodec:
     def decode(self, stored: bytes | StoredEmbedding) -> Sequence[float]:
         """The components of a stored BLOB, as a read-only buffer of 32-bit floats.
 
-        On a little-endian machine it shows the BLOB's own bytes and copies nothing; what
-        ``Database.fetchall`` gives for a BLOB is such a buffer already.
+        On a little-endian machine it shows the BLOB's own bytes and copies nothing.
 
         Raises:
             ValueError: ``stored`` is no such BLOB.
         """
         if type(stored) is StoredEmbedding:
-            return stored
+            return stored.floats()
         if not isinstance(stored, bytes):
             raise ValueError(f"a stored embedding is a BLOB, not {type(stored).__name__}")
         if len(stored) % 4:
