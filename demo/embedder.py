@@ -1,4 +1,4 @@
-"""Embedders: the built-in one, or a function of the user's, checked at every call."""
+"""Embedders: the built-in one, or a function of the user's."""
 
 from __future__ import annotations
 
@@ -6,11 +6,12 @@ import importlib
 import math
 import sys
 from array import array
-from collections.abc import Callable, Sequence
+from collections.abc import Callable
 from typing import Any
 
 from demo import hashed_features
 from demo.errors import UserError
+from demo.wiki import Wiki
 
 
 class Embedder:
@@ -23,6 +24,7 @@ class Embedder:
     def __init__(self, name: str, function: Callable[[list[str]], Any]) -> None:
         """Tries the function on one word; UserError when that does not give a vector."""
         self.name = name
+        self.compares_words = function is hashed_features.embed
         self._function = function
         self.dimension = 0
         self.dimension = len(self.embed(["probe"])[0])
@@ -31,40 +33,24 @@ class Embedder:
     def embed(self, texts: list[str]) -> list[list[float]]:
         """One vector for each text, as 32-bit values. UserError on any other result."""
         try:
-            result = self._function(texts)
+            vectors = [array("f", vector) for vector in self._function(texts)]
         except (Exception, SystemExit) as error:
-            raise self._wrong(f"failed: {type(error).__name__}: {_one_line(error)}") from error
-        if isinstance(result, str | bytes) or not _is_sequence(result):
-            raise self._wrong(f"returned {type(result).__name__}, not a list of vectors")
-        if len(result) != len(texts):
-            raise self._wrong(f"returned {len(result)} vectors for {len(texts)} texts")
-        return [self._vector(one) for one in result]
-
-    def _vector(self, one: Any) -> list[float]:
-        if isinstance(one, str | bytes) or not _is_sequence(one):
-            raise self._wrong(f"returned {type(one).__name__} in place of a vector")
-        try:
-            values = array("f", list(one))
-        except (TypeError, ValueError, OverflowError) as error:
-            raise self._wrong("returned a vector of something other than numbers") from error
-        if not values:
-            raise self._wrong("returned an empty vector")
-        if not math.isfinite(sum(values)):
-            raise self._wrong("returned a vector with a number that is not finite")
-        if self.dimension and len(values) != self.dimension:
-            raise self._wrong(
-                f"returned vectors of different lengths: {self.dimension} and {len(values)}"
+            raise UserError(f"embedder '{self.name}' failed: {_told(error)}") from error
+        lengths = {len(vector) for vector in vectors} | ({self.dimension} - {0})
+        if len(vectors) != len(texts) or len(lengths) > 1 or 0 in lengths:
+            raise UserError(
+                f"embedder '{self.name}' returned {len(vectors)} vectors of lengths"
+                f" {sorted(lengths)} for {len(texts)} texts"
             )
-        return values.tolist()
+        if not all(math.isfinite(sum(vector)) for vector in vectors):
+            raise UserError(f"embedder '{self.name}' returned a number that is not finite")
+        return [vector.tolist() for vector in vectors]
 
-    def _wrong(self, what: str) -> UserError:
-        return UserError(f"embedder '{self.name}' {what}")
 
-
-def load_embedder(spec: str | None) -> Embedder:
-    """The built-in embedder, or the one that ``module:function`` names."""
-    if spec is None:
-        return Embedder(hashed_features.NAME, hashed_features.embed)
+def load_embedder(spec: str) -> Embedder:
+    """The built-in embedder by its name, or the one that ``module:function`` names."""
+    if spec == hashed_features.NAME:
+        return Embedder(spec, hashed_features.embed)
     module_name, colon, function_name = spec.partition(":")
     if not (module_name and colon and function_name):
         raise UserError(f"embedder '{spec}' is not of the form module:function")
@@ -75,16 +61,44 @@ def load_embedder(spec: str | None) -> Embedder:
         for part in function_name.split("."):
             function = getattr(function, part)
     except (Exception, SystemExit) as error:
-        reason = f"{type(error).__name__}: {_one_line(error)}"
-        raise UserError(f"embedder '{spec}' cannot be imported: {reason}") from error
-    if not callable(function):
-        raise UserError(f"embedder '{spec}' is {type(function).__name__}, not a function")
+        raise UserError(f"embedder '{spec}' cannot be imported: {_told(error)}") from error
     return Embedder(spec, function)
 
 
-def _is_sequence(value: Any) -> bool:
-    return isinstance(value, Sequence) or (hasattr(value, "__len__") and hasattr(value, "__iter__"))
+def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
+    """The named embedder; without a name the one that the wiki was built with.
+
+    UserError when that one is not to be had as it was: nothing is embedded again unasked.
+    """
+    state = wiki.state()
+    if spec or not state or not state["page_count"] and not state["model"]:
+        return load_embedder(spec or hashed_features.NAME)
+    model = state["model"]
+    if model is None:
+        pages = wiki.repository.get_wiki_pages(wiki.branch)
+        names = sorted({_name(page["model"]) for page in pages if page["model"]})
+        choice = " or ".join(f"--embedder {name}" for name in names)
+        raise UserError(
+            f"the embeddings of branch '{wiki.branch}' are half replaced, "
+            + ("a build is running" if wiki.is_being_built else "a build was stopped")
+            + f": finish it with 'build', {choice}"
+        )
+    again = f"'build --embedder {hashed_features.NAME}' embeds everything again, with the built-in"
+    try:
+        embedder = load_embedder(_name(model))
+    except UserError as error:
+        raise UserError(f"{error}; the wiki was built with it: {again}") from error
+    if embedder.model != model:
+        raise UserError(
+            f"embedder '{embedder.name}' gives {embedder.dimension} numbers now, the wiki was built"
+            f" with '{model}': name it with --embedder to embed everything again"
+        )
+    return embedder
 
 
-def _one_line(error: BaseException) -> str:
-    return " ".join(str(error).split()) or "no message"
+def _name(model: str) -> str:
+    return model.rpartition("/")[0]
+
+
+def _told(error: BaseException) -> str:
+    return f"{type(error).__name__}: {' '.join(str(error).split()) or 'no message'}"

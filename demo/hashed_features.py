@@ -98,13 +98,26 @@ def embed(texts: list[str]) -> list[list[float]]:
     return [embed_one(text) for text in texts]
 
 
+def stems(text: str) -> list[str]:
+    """The stem of every word of a text, in order; identifiers are split."""
+    return [stem(part) for word in _WORD.findall(text) for part in word_parts(word)]
+
+
 def search_terms(question: str) -> list[str]:
-    """The words of a question for the word index: no stop words, with stems and joined pairs.
+    """The words of a question for the word index: no stop words, with stems and joined pairs."""
+    return list(dict.fromkeys([*_telling(question), *telling_stems(question)]))
+
+
+def telling_stems(question: str) -> list[str]:
+    """The stems of a question's words without the stop words, each once.
 
     Two words that follow each other are also given as one ("rolled back" as "rollback"), the way
     identifiers write them. Only stop words: all of them, so that they still find something.
     """
+    kept = [stem(word) for word in _telling(question)]
+    return list(dict.fromkeys(kept + [first + second for first, second in zip(kept, kept[1:])]))
+
+
+def _telling(question: str) -> list[str]:
     words = [part for word in _WORD.findall(question) for part in word_parts(word)]
-    kept = [word for word in words if word not in STOP_WORDS] or words
-    pairs = [stem(first) + stem(second) for first, second in zip(kept, kept[1:])]
-    return list(dict.fromkeys([*kept, *(stem(word) for word in kept), *pairs]))
+    return [word for word in words if word not in STOP_WORDS] or words

@@ -7,15 +7,17 @@ small neighbours are merged, long sections are split at blank lines.
 from __future__ import annotations
 
 import re
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 
-from demo.languages import LICENCE, MARKDOWN, PYTHON, RST, Language
+from demo.languages import LICENCE, MARKDOWN, PYTHON, Language
 from demo.python_marks import python_marks
 
 MERGE_LINES = 30  # neighbours are merged while they fit into this
 TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
 SPLIT_LINES = 100  # a section longer than this is split
 BLOCK_LINES = 60  # into parts of about this
+LONG_NOTICE = 25  # lines; no licence speaks that long without a pause
 MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be slow on it
 
 _HEADING = "heading"  # the group of the sections of a document
@@ -68,8 +70,8 @@ def outline(language: Language, text: str) -> Outline:
         found = python_marks(text, lines, SPLIT_LINES)
         if found is not None:
             marks, docstring = [Mark(*mark) for mark in found[0]], found[1]
-    elif language is MARKDOWN or language is RST:
-        marks = _heading_marks(lines, language is RST)
+    elif language.kind == "document":
+        marks = _heading_marks(lines, language)
     elif language.definition is not None:
         marks = _definition_marks(lines, language)
     symbols = [mark.heading for mark in marks if mark.symbol and mark.heading]
@@ -78,20 +80,20 @@ def outline(language: Language, text: str) -> Outline:
     return Outline(parts, list(dict.fromkeys(symbols)), lines, docstring)
 
 
-def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
-    """Marks at headings: ``#`` and underlined ones; nothing inside a fenced block counts."""
-    any_mark, two_marks = r"([=\-~^\"'*+#`.:])\1{2,}\s*$", r"(?:={2,}|-{2,})\s*$"
-    underline = re.compile(any_mark if underlined else two_marks)
+def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
+    """Marks at headings: marked and underlined ones; nothing inside a fenced block counts."""
+    rows = re.escape(language.underlines)
+    underline = re.compile(rf"([{rows}])\1+\s*$" if rows else r"(?!)")
     marks = [Mark(1, "overview")]
     fence = ""
     for number, line in enumerate(lines, 1):
-        opening = re.match(r"\s{0,3}(```+|~~~+)", line)
+        opening = language is MARKDOWN and re.match(r"\s{0,3}(```+|~~~+)", line)
         if fence:
             if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
                 fence = ""
-        elif opening and not underlined:
+        elif opening:
             fence = opening[1]
-        elif not underlined and (found := re.match(r"#{1,6}\s+(.*?)\s*#*\s*$", line)):
+        elif found := language.heading.match(line):
             marks.append(Mark(number, plain(found[1]) or "untitled", _HEADING))
         elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
             marks.append(Mark(number - 1, plain(lines[number - 2]), _HEADING))
@@ -103,10 +105,15 @@ def _is_title(line: str, underline: str) -> bool:
 
 
 def plain(heading: str) -> str:
-    """A heading or paragraph without links and emphasis."""
-    return re.sub(r"!?\[([^\]]*)\]\([^)]*\)|[*`]", lambda match: match[1] or "", heading).strip()
+    """A heading or paragraph without links, tags and emphasis."""
+    return _MARKUP.sub(lambda match: match[1] or "", heading).strip()
 
 
+_MARKUP = re.compile(r"!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
+_COMMENT = re.compile(
+    r"\s*(?:#(?!\s*(?:include|pragma|define|if|else|endif|undef|error|import)\b)|//|/\*"
+    r"|\*(?![\w(])|--|;|<!--)"
+)
 _IMPORT = re.compile(
     r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
     r"|include|source|module|'use strict'|\"use strict\")\b"
@@ -118,12 +125,16 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     assert language.definition is not None
     marks: list[Mark] = []
     above = 1  # no comment above this line belongs to the next definition
-    notice = _notice_lines(lines, language)
+    notice = _notice_lines(lines)
+    bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number <= notice:
+        if number in notice:
+            above = number + 1
+            if not marks or marks[-1].heading is not None:
+                marks.append(Mark(number, None))
             continue
         near = lines[number - 1 : number + 1] if len(line) <= MAX_DEFINITION else []
-        found = language.definition.match("\n".join(near))
+        found = None if bracket else language.definition.match("\n".join(near))
         if found is not None:
             name = next(group for group in found.groups() if group)
             start = number
@@ -132,17 +143,56 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
             marks.append(Mark(start, name, "", True))
             above = number + 1
         elif (not marks or not marks[-1].symbol) and line.strip():
-            heading = None if _IMPORT.match(line) else "overview"
+            imports = _IMPORT.match(line) or bracket
+            if imports:
+                last = line.rstrip()[-1:]
+                bracket = {"(": ")", "{": "}"}.get(last, "" if bracket in line else bracket)
+            heading = None if imports else "overview"
             if not marks or (marks[-1].heading is None) != (heading is None):
                 group = "overview" if language.above.match(line) else _BETWEEN
                 marks.append(Mark(number, heading, group))
     return _in_order(marks)
 
 
-def _notice_lines(lines: list[str], language: Language) -> int:
-    """How many lines at the top are a comment about the file's licence: nothing to search for."""
-    count = next((n for n, line in enumerate(lines) if not language.above.match(line)), len(lines))
-    return count if LICENCE.search("\n".join(lines[:count])) else 0
+def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
+    """Line numbers of each paragraph in the comments of some lines; ``leading``: at the top only."""
+    paragraph: list[int] = []
+    inside = False  # a comment whose lines need no mark of their own
+    for number, line in enumerate(lines, 1):
+        is_comment = inside or _COMMENT.match(line)
+        if inside or line.lstrip().startswith("/*"):
+            inside = "*/" not in line
+        if is_comment and any(map(str.isalnum, line)):
+            paragraph.append(number)
+            continue
+        if paragraph:
+            yield paragraph
+            paragraph = []
+        if leading and not is_comment and line.strip():
+            return
+    if paragraph:
+        yield paragraph
+
+
+def _notice_lines(lines: list[str]) -> set[int]:
+    """The lines of a file's leading comment that speak of its licence: nothing to search for.
+
+    Paragraphs go whole, with the short ones between them. Of a long one only the lines go that
+    say it: the others are likely to describe something.
+    """
+    notice: list[int] = []
+    between: list[int] = []
+    for paragraph in comment_paragraphs(lines, leading=True):
+        if not LICENCE.search(" ".join(lines[number - 1] for number in paragraph)):
+            between += paragraph
+        elif len(paragraph) > LONG_NOTICE:
+            notice += [number for number in paragraph if LICENCE.search(lines[number - 1])]
+        else:
+            if notice and len(between) <= LONG_NOTICE:
+                notice += between
+            notice += paragraph
+            between = []
+    return set(notice)
 
 
 def _in_order(marks: list[Mark]) -> list[Mark]:

@@ -9,10 +9,13 @@ import time
 from typing import TextIO
 
 _REDRAW_SECONDS = 0.1
+_UNBOUNDED = 10_000
 
 
 def width() -> int:
-    """Columns to write in: the terminal's, at least 30, and 100 where there is none."""
+    """Columns to write in: the terminal's, at least 30; where there is none nothing is cut."""
+    if not is_terminal(sys.stdout):
+        return _UNBOUNDED
     return max(30, min(shutil.get_terminal_size((100, 24)).columns, 160))
 
 
@@ -28,8 +31,8 @@ def cut_left(text: str, columns: int) -> str:
 
 
 def plural(count: int, noun: str) -> str:
-    """``1 file``, ``1,726 files``."""
-    ending = "" if count == 1 else "s"
+    """``1 file``, ``1,726 files``, ``2 branches``."""
+    ending = "" if count == 1 else "es" if noun.endswith("ch") else "s"
     return f"{count:,} {noun}{ending}"
 
 
@@ -48,10 +51,10 @@ def is_terminal(stream: TextIO) -> bool:
 
 
 class Style:
-    """Wraps text in colours, if the stream is a terminal and NO_COLOR is not set."""
+    """Wraps text in colours, if the output is a terminal and NO_COLOR is not set."""
 
-    def __init__(self, stream: TextIO) -> None:
-        self._on = is_terminal(stream) and not os.environ.get("NO_COLOR")
+    def __init__(self) -> None:
+        self._on = is_terminal(sys.stdout) and not os.environ.get("NO_COLOR")
 
     def bold(self, text: str) -> str:
         return self._wrap("1", text)
@@ -69,12 +72,11 @@ class Style:
 class Progress:
     """A bar on standard error, redrawn at most ten times a second and wiped when finished."""
 
-    def __init__(self, stream: TextIO | None = None) -> None:
-        self._stream = stream or sys.stderr
+    def __init__(self) -> None:
+        self._stream = sys.stderr
         self._on = is_terminal(self._stream)
         self._label = ""
-        self._total = 0
-        self._done = 0
+        self._total = self._done = 0
         self._began = self._drawn = 0.0
 
     def start(self, label: str, total: int) -> None:
@@ -102,8 +104,9 @@ class Progress:
         figures = f" {self._done:,}/{total:,}"
         if seconds > 2:
             figures += f"  {duration(seconds / self._done * (total - self._done))} left"
-        room = min(40, width() - len(self._label) - len(figures) - 4)
+        columns = shutil.get_terminal_size((80, 24)).columns - 1
+        room = min(40, columns - len(self._label) - len(figures) - 3)
         filled = room * self._done // total
         bar = f" [{'#' * filled}{'.' * (room - filled)}]" if room >= 5 else ""
-        self._stream.write("\r" + cut(self._label + bar + figures, width() - 1) + "\x1b[K")
+        self._stream.write("\r" + cut(self._label + bar + figures, columns) + "\x1b[K")
         self._stream.flush()

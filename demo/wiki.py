@@ -2,19 +2,24 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
+import shutil
 import sqlite3
+import tempfile
+import time
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, nullcontext
 from dataclasses import dataclass
 from hashlib import blake2b
 from pathlib import Path
+from typing import Any
 
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 
 from demo.errors import UserError
-from demo.git import branch_of
+from demo.git import Checkout, branch_of, checkout
 
 # Which trees and branches a database holds is kept as pages of a branch that git cannot have.
 _CATALOGUE = ":wikis"
@@ -28,12 +33,18 @@ class Wiki:
     database: Path
     root: Path
     branch: str
+    checkout: Checkout | None = None  # known to a build alone
+    is_being_built: bool = False
 
     def enter_in_catalogue(self) -> None:
         """Notes the tree, so that ``--db`` alone finds it again."""
-        self.repository.upsert_wiki_page(
-            _CATALOGUE, self.branch, self.branch, rel_path=str(self.root), page_type="wiki"
-        )
+        level = "checkout" if self.checkout else "folder"
+        fields: dict[str, Any] = {"rel_path": str(self.root), "level": level, "page_type": "wiki"}
+        self.repository.upsert_wiki_page(_CATALOGUE, self.branch, self.branch, **fields)
+
+    def state(self) -> dict[str, Any]:
+        """The branch's state; empty before its first build."""
+        return self.repository.get_wiki_state(self.branch) or {}
 
 
 def default_database(root: Path) -> Path:
@@ -49,47 +60,95 @@ def default_database(root: Path) -> Path:
 
 @contextmanager
 def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wiki]:
-    """The wiki of the tree ``repo``; its database file is created when there is none."""
+    """The wiki of the tree ``repo``; its database file is created when there is none.
+
+    Nobody else builds into the file meanwhile. A new one goes again when no build was begun.
+    """
     root = folder(repo)
-    chosen = _valid(branch) or branch_of(root) or "main"
+    tree = checkout(root)
+    chosen = _valid(branch) or (tree.branch if tree else "main")
     path = default_database(root) if db is None else _file(db)
     if db is None:
         path.parent.mkdir(parents=True, exist_ok=True)
-    with _opened(path) as repository:
-        entry = repository.get_wiki_page(_CATALOGUE, chosen)
-        if entry and entry["rel_path"] != str(root) and Path(entry["rel_path"]).is_dir():
-            raise UserError(
-                f"{path} holds branch '{chosen}' of another tree, {entry['rel_path']}:"
-                " choose another --db or --branch"
-            )
-        yield Wiki(repository, path, root, chosen)
+    is_new = not path.exists()
+    try:
+        with _locked(path), _opened(path) as repository:
+            entry = repository.get_wiki_page(_CATALOGUE, chosen)
+            if entry and entry["rel_path"] != str(root) and Path(entry["rel_path"]).is_dir():
+                raise UserError(
+                    f"{path} holds branch '{chosen}' of another tree, {entry['rel_path']}:"
+                    " choose another --db or --branch"
+                )
+            try:
+                yield Wiki(repository, path, root, chosen, tree)
+            finally:
+                is_new = is_new and not repository.get_wiki_pages(_CATALOGUE)
+    finally:
+        if is_new:
+            path.unlink(missing_ok=True)
 
 
 @contextmanager
-def built_wiki(repo: str | None, db: str | None, branch: str | None) -> Iterator[Wiki]:
-    """A wiki that was built before; UserError when there is none."""
+def built_wiki(
+    repo: str | None, db: str | None, branch: str | None, to_change: bool = False
+) -> Iterator[Wiki]:
+    """A wiki that was built before; UserError when there is none.
+
+    One that is not to be changed may lie where nothing can be written.
+    """
     root = folder(repo) if repo else None
     path = _nearest_database(root) if db is None else _file(db)
     if not path.exists() or path.stat().st_size == 0:
         raise UserError(f"no wiki at {path}: make one with 'build'")
-    with _opened(path) as repository:
+    is_being_built = _is_locked(path)  # asked before SQLite has locks of its own on the file
+    with (
+        _locked(path) if to_change else nullcontext(),
+        nullcontext(path) if to_change else _writable(path) as place,
+        _opened(place) as repository,
+    ):
         pages = repository.get_wiki_pages(_CATALOGUE)
         trees = {page["page_id"]: Path(page["rel_path"]) for page in pages}
-        chosen = _valid(branch) or _likely_branch(root, trees)
+        folders = {root} if root else set(trees.values())
+        if len(folders) == 1:
+            (root,) = folders
+        has_git = any(page["level"] == "checkout" for page in pages)
+        current = branch_of(root) if root and has_git and root.is_dir() else None
+        likely = next(iter(trees)) if len(trees) == 1 else "main" if root else ""
+        chosen = _valid(branch) or current or likely
         if chosen not in trees:
             held = f"it holds {', '.join(sorted(trees))}" if trees else "it holds none"
             raise UserError(
-                f"branch '{chosen}' has no wiki in {path} ({held}): make one with 'build'"
+                f"branch '{chosen}' has no wiki in {path} ({held}):"
+                " make one with 'build', or choose with --branch"
             )
-        yield Wiki(repository, path, root or trees[chosen], chosen)
+        yield Wiki(repository, path, root or trees[chosen], chosen, None, is_being_built)
+
+
+def branches(wiki: Wiki) -> list[dict[str, Any]]:
+    """Each branch of the database: its name, tree, number of pages and time of the last build."""
+    rows = []
+    for page in wiki.repository.get_wiki_pages(_CATALOGUE):
+        state = wiki.repository.get_wiki_state(page["page_id"]) or {}
+        row = {"branch": page["page_id"], "repository": page["rel_path"]}
+        rows.append(row | {name: state.get(name) for name in ("page_count", "last_built_at")})
+    return rows
+
+
+def delete_branch(wiki: Wiki, branch: str) -> int:
+    """Deletes a branch's pages and returns their number; UserError when it has no wiki."""
+    if not wiki.repository.delete_wiki_page(_CATALOGUE, branch):
+        raise UserError(f"branch '{branch}' has no wiki in {wiki.database}")
+    pages = wiki.repository.get_wiki_pages(branch)
+    for page in pages:
+        wiki.repository.delete_wiki_page(branch, page["page_id"])
+    wiki.repository.upsert_wiki_state(branch)
+    return len(pages)
 
 
 @contextmanager
 def _opened(path: Path) -> Iterator[Repository]:
     """The repository over a database file, closed at the end; UserError when it is not one."""
     try:
-        if not path.parent.is_dir():
-            raise UserError(f"cannot open the database {path}: there is no folder {path.parent}")
         database = Database(str(path))
     except (sqlite3.Error, OSError, ValueError) as error:
         raise UserError(str(error)) from error
@@ -97,6 +156,46 @@ def _opened(path: Path) -> Iterator[Repository]:
         yield Repository(database)
     finally:
         database.close()
+
+
+@contextmanager
+def _locked(path: Path) -> Iterator[None]:
+    """Keeps other builds away from a database file until the end; they are told so at once."""
+    if not path.parent.is_dir():
+        raise UserError(f"cannot open the database {path}: there is no folder {path.parent}")
+    with path.open("ab") as file:
+        for patience in (0.1, 0.2, None):  # a search that just looks holds it for a moment
+            try:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                break
+            except BlockingIOError as error:
+                if patience is None:
+                    raise UserError(f"another build of {path} is running: wait for it") from error
+                time.sleep(patience)
+        yield
+
+
+def _is_locked(path: Path) -> bool:
+    with path.open("rb") as file:
+        try:
+            fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        except BlockingIOError:
+            return True
+    return False
+
+
+@contextmanager
+def _writable(path: Path) -> Iterator[Path]:
+    """The file, or a copy of it where SQLite could not keep its log beside it."""
+    if os.access(path, os.W_OK) and os.access(path.parent, os.W_OK):
+        yield path
+        return
+    with tempfile.TemporaryDirectory() as folder_of_copy:
+        copy = Path(folder_of_copy, path.name)
+        for ending in ("", "-wal"):
+            if os.path.exists(f"{path}{ending}"):
+                shutil.copyfile(f"{path}{ending}", f"{copy}{ending}")
+        yield copy
 
 
 def folder(repo: str) -> Path:
@@ -130,14 +229,3 @@ def _nearest_database(root: Path | None) -> Path:
         if place.exists():
             return place
     raise UserError(f"no wiki of {here} or a folder above it: make one with 'build', or give --db")
-
-
-def _likely_branch(root: Path | None, trees: dict[str, Path]) -> str:
-    """The branch checked out, if it has a wiki or a tree was named; else the only one there is."""
-    folders = [root] if root else sorted(set(trees.values()))
-    current = branch_of(folders[0]) if len(folders) == 1 and folders[0].is_dir() else None
-    if root or current in trees:
-        return current or "main"
-    if len(trees) > 1:
-        raise UserError(f"choose one with --branch: {', '.join(sorted(trees))}")
-    return next(iter(trees), "main")

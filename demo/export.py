@@ -1,0 +1,1 @@
+def export(wiki, folder, progress): return 0, ""
