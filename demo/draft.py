@@ -28,7 +28,7 @@ _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|codi
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(
     r"(?:@\w+\s|(?:last )?(?:updated?|modified|created|date|author|version|file|by)\b.{0,60}$|\$\w+"
-    r"|use strict|eslint|jshint|vim?:|(?:\W|\d|[ap]m\b|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov"
+    r"|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b|(?:\W|\d|[ap]m\b|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov"
     r"|dec|mon|tue|wed|thu|fri|sat|sun)[a-z]*\b|th\b|st\b)*$)",
     re.IGNORECASE,
 )
@@ -163,6 +163,8 @@ def _paragraphs(lines: list[str]) -> Iterable[str]:
 def _comments(lines: list[str]) -> Iterable[str]:
     """The paragraphs of the comments near the top; nothing about a licence."""
     for paragraph in comment_paragraphs(lines[:120], leading=False):
+        if re.match(r"\s{2}|\t", lines[paragraph[0] - 1]):
+            continue  # within a function
         each = (_MODE_LINE.sub("", lines[number - 1].strip()) for number in paragraph)
         words = " ".join(line.strip("#/*-=;!< \t") for line in each)
         if not LICENCE.search(words):

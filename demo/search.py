@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import math
 from collections import Counter
+from collections.abc import Iterator
 from dataclasses import dataclass
 from typing import Any
 
@@ -12,11 +13,11 @@ from demo.errors import UserError
 from demo.hashed_features import search_terms, stems, telling_stems
 from demo.wiki import Wiki
 
-DEPTH = 100  # chunks asked of the store
+DEPTH = 150  # chunks asked of the store
 PARTS = (1.0, 0.5, 0.25)  # what the best, second and third chunk of a file count
 LOW = 0.7  # what a page of low importance counts
-FUSED = 8.0  # weight of the store's own ranking beside the words: about that of one rare word
-SYMBOLS = 0.5  # weight of a word in the names that a file defines; in its path it counts 1
+SIZE = 0.15  # how far a page of many sections is held back: it has a word of everything
+FUSED = 10.0  # weight of the store's own ranking beside the words: about that of two rare words
 _K1, _B = 1.2, 0.5  # of BM25: how soon repeating a word counts no more; how far length counts
 
 
@@ -47,6 +48,26 @@ class Hit:
         return lines[best : best + count]
 
 
+@dataclass(frozen=True, slots=True)
+class _Found:
+    """One chunk, and which of the question's words it holds."""
+
+    weight: float
+    record: dict[str, Any]
+    rarity: dict[str, float]
+    words: set[str]
+
+
+@dataclass(frozen=True, slots=True)
+class _Page:
+    """What counts of a page beside its chunks: stems, and a factor."""
+
+    path: set[str]
+    description: set[str]
+    symbols: set[str]
+    worth: float
+
+
 class Searcher:
     """Asks one wiki; the first question loads the branch's chunk index, the next ones reuse it."""
 
@@ -54,7 +75,7 @@ class Searcher:
         """UserError when the wiki is empty or its embeddings are not of this embedder."""
         self._wiki = wiki
         self._embedder = embedder
-        self._pages: dict[str, dict[str, Any]] = {}
+        self._pages: dict[str, _Page] = {}
         explain_mismatch(wiki, embedder)
         self._built = wiki.state()
 
@@ -73,13 +94,11 @@ class Searcher:
         records = self._wiki.repository.search_wiki_chunks(
             vector, self._wiki.branch, max(DEPTH, 3 * top_k), terms=terms
         )
-        files: dict[str, list[tuple[float, dict[str, Any]]]] = {}
-        rank = self._by_words if self._embedder.compares_words else self._by_store
-        weights = rank(records, question)
-        for record, weight in zip(records, weights, strict=True):
-            if weight:
-                files.setdefault(record["page_id"], []).append((weight, record))
-        hits = [self._hit(page_id, chunks, question) for page_id, chunks in files.items()]
+        weigh = self._by_words if self._embedder.compares_words else _by_store
+        files: dict[str, list[_Found]] = {}
+        for found in weigh(records, question):
+            files.setdefault(found.record["page_id"], []).append(found)
+        hits = [self._hit(page_id, chunks) for page_id, chunks in files.items()]
         return sorted(hits, key=lambda hit: -hit.score)[:top_k]
 
     def note(self) -> str | None:
@@ -90,54 +109,42 @@ class Searcher:
         missing = self._built["changed_since_build"]
         return f"the first build {how}; up to {missing:,} files may be missing"
 
-    def _by_store(self, records: list[dict[str, Any]], _question: str) -> list[float]:
-        return [record.get("score", record["similarity"]) for record in records]
-
-    def _by_words(self, records: list[dict[str, Any]], question: str) -> list[float]:
-        """Weights by the words shared with the question, by stem (BM25); 0 where none is.
+    def _by_words(self, records: list[dict[str, Any]], question: str) -> Iterator[_Found]:
+        """The chunks that share words with the question, by stem, weighted by BM25.
 
         How rare a word is shows from the chunks at hand; the store's order adds its part.
         """
-        counts = [Counter(stems(f"{one['heading']}\n{one['heading']}\n{one['content']}"))
-                  for one in records]  # fmt: skip
-        self._rarity = {}
+        counts = [Counter(stems(f"{one['heading']} {one['heading']}\n{one['content']}")) for one in records]
+        rarity = {}
         for word in telling_stems(question):
             held = sum(word in count for count in counts)
-            self._rarity[word] = math.log(1 + (len(counts) - held + 0.5) / (held + 0.5))
+            rarity[word] = math.log(1 + (len(counts) - held + 0.5) / (held + 0.5))
         mean = sum(count.total() for count in counts) / max(1, len(counts))
-        weights = []
-        for rank, count in enumerate(counts, 1):
+        for rank, (record, count) in enumerate(zip(records, counts, strict=True), 1):
+            words = {word: rare for word, rare in rarity.items() if word in count}
             damping = _K1 * (1 - _B + _B * count.total() / mean)
-            found = sum(
-                rarity * count[word] * (_K1 + 1) / (count[word] + damping)
-                for word, rarity in self._rarity.items()
+            score = sum(
+                rare * count[word] * (_K1 + 1) / (count[word] + damping)
+                for word, rare in words.items()
             )
-            weights.append(found and found + FUSED * 60 / (60 + rank))
-        return weights
+            if words:
+                yield _Found(score + FUSED * 60 / (60 + rank), record, rarity, set(words))
 
-    def _hit(
-        self, page_id: str, chunks: list[tuple[float, dict[str, Any]]], question: str
-    ) -> Hit:
-        """A file by its chunks' weights, and by what it is called and says of itself."""
-        page = self._pages.get(page_id)
-        if page is None:
-            page = self._wiki.repository.get_wiki_page(self._wiki.branch, page_id) or {}
-            page = self._pages[page_id] = {
-                "low": page.get("importance") == "low",
-                "path": set(stems(page_id)),
-                "description": set(stems(page.get("description") or "")),
-                "symbols": set(stems(" ".join(page.get("symbols") or ()))),
-            }
-        chunks = sorted(chunks, key=lambda chunk: -chunk[0])
-        score = sum(part * chunk[0] for part, chunk in zip(PARTS, chunks))
-        if self._embedder.compares_words:
-            for word, rarity in self._rarity.items():
-                score += rarity * (word in page["path"]) + rarity * (word in page["description"])
-                score += SYMBOLS * rarity * (word in page["symbols"])
-        record = chunks[0][1]
+    def _hit(self, page_id: str, chunks: list[_Found]) -> Hit:
+        """A file by its best chunks, and by the words in them, in its name and description."""
+        chunks.sort(key=lambda chunk: -chunk.weight)
+        page = self._page(page_id)
+        places = [page.path, page.description, page.symbols]
+        places.append(set().union(*(chunk.words for chunk in chunks)))
+        score = sum(part * chunk.weight for part, chunk in zip(PARTS, chunks))
+        score += sum(
+            rare * sum(word in place for place in places)
+            for word, rare in chunks[0].rarity.items()
+        )
+        record = chunks[0].record
         citation = next(iter(record["citations"]), {})
         return Hit(
-            score=round(score * (LOW if page["low"] else 1), 4),
+            score=round(score * page.worth, 4),
             similarity=record["similarity"],
             page=page_id,
             title=record["title"],
@@ -148,6 +155,23 @@ class Searcher:
             text=record["content"].partition("\n")[2],
             more=len(chunks) - 1,
         )
+
+    def _page(self, page_id: str) -> _Page:
+        if page_id not in self._pages:
+            page = self._wiki.repository.get_wiki_page(self._wiki.branch, page_id) or {}
+            size = len(page.get("citations") or ())
+            self._pages[page_id] = _Page(
+                set(stems(page_id)),
+                set(stems(page.get("description") or "")),
+                set(stems(" ".join(page.get("symbols") or ()))),
+                (LOW if page.get("importance") == "low" else 1) / (1 + SIZE * math.log(1 + size)),
+            )
+        return self._pages[page_id]
+
+
+def _by_store(records: list[dict[str, Any]], _question: str) -> Iterator[_Found]:
+    for record in records:
+        yield _Found(record.get("score", record["similarity"]), record, {}, set())
 
 
 def explain_mismatch(wiki: Wiki, embedder: Embedder) -> None:

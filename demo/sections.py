@@ -111,7 +111,7 @@ def plain(heading: str) -> str:
 
 _MARKUP = re.compile(r"!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
 _COMMENT = re.compile(
-    r"\s*(?:#(?!\s*(?:include|pragma|define|if|else|endif|undef|error|import)\b)|//|/\*"
+    r"\s*(?:#(?!\s*(?:include|pragma|define|if|ifn?def|el\w+|endif|undef|error|line|import)\b)|//|/\*"
     r"|\*(?![\w(])|--|;|<!--)"
 )
 _IMPORT = re.compile(
