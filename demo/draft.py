@@ -137,15 +137,16 @@ def _description(source: Source, cut: Outline) -> str:
     if source.language.kind == "document":
         paragraphs = _paragraphs(cut.lines)
     else:
-        paragraphs = _comments(cut.lines)
+        paragraphs = _comments(cut.lines, source.language is PYTHON)
         if source.language is PYTHON and cut.docstring:
-            paragraphs = cut.docstring.split("\n\n")
+            paragraphs = re.sub(r"\n(\W)\1+ *\n", "\n", cut.docstring).split("\n\n")
     each = (" ".join(paragraph.split()) for paragraph in paragraphs)
-    words = next((one for one in each if one and not _NO_WORDS.match(one)), "")
+    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), "")
     if not words:
         names = ", ".join(cut.symbols[:5])
         words = f"Defines {names}." if names else f"{source.language.name} source."
-    return words if len(words) <= 200 else words[:197].rsplit(" ", 1)[0] + "..."
+    words = words.replace("`", "")
+    return words if len(words) <= 200 else words[:199].rsplit(" ", 1)[0].rstrip(".,;:") + "…"
 
 
 def _paragraphs(lines: list[str]) -> Iterable[str]:
@@ -160,9 +161,9 @@ def _paragraphs(lines: list[str]) -> Iterable[str]:
             yield words
 
 
-def _comments(lines: list[str]) -> Iterable[str]:
+def _comments(lines: list[str], leading: bool) -> Iterable[str]:
     """The paragraphs of the comments near the top; nothing about a licence."""
-    for paragraph in comment_paragraphs(lines[:120], leading=False):
+    for paragraph in comment_paragraphs(lines[:120], leading):
         if re.match(r"\s{2}|\t", lines[paragraph[0] - 1]):
             continue  # within a function
         each = (_MODE_LINE.sub("", lines[number - 1].strip()) for number in paragraph)

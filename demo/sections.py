@@ -45,6 +45,7 @@ class Section:
     start: int
     end: int
     group: str = field(default="", compare=False)
+    part: int = field(default=0, compare=False)  # of the file, by what is left out between
 
 
 @dataclass(frozen=True, slots=True)
@@ -128,7 +129,7 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     notice = _notice_lines(lines)
     bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number in notice:
+        if number in notice or not marks and not any(map(str.isalnum, line)):
             above = number + 1
             if not marks or marks[-1].heading is not None:
                 marks.append(Mark(number, None))
@@ -192,7 +193,9 @@ def _notice_lines(lines: list[str]) -> set[int]:
                 notice += between
             notice += paragraph
             between = []
-    return set(notice)
+    # With the empty and decorated lines among them.
+    return {n for n in range(min(notice, default=1), max(notice, default=0) + 1)
+            if n in notice or not any(map(str.isalnum, lines[n - 1]))}  # fmt: skip
 
 
 def _in_order(marks: list[Mark]) -> list[Mark]:
@@ -211,7 +214,9 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
     A lone line between imports and definitions (a namespace, an include guard) is left out.
     """
     sections = []
+    part = 0
     for position, mark in enumerate(marks):
+        part += mark.heading is None
         end = marks[position + 1].line - 1 if position + 1 < len(marks) else len(lines)
         start = mark.line
         while start <= end and not lines[start - 1].strip():
@@ -220,7 +225,7 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
             end -= 1
         is_worth_it = start < end or (start == end and mark.group != _BETWEEN)
         if mark.heading is not None and is_worth_it:
-            sections.append(Section(mark.heading, start, end, mark.group))
+            sections.append(Section(mark.heading, start, end, mark.group, part))
     return sections
 
 
@@ -228,17 +233,19 @@ def _merged(sections: list[Section]) -> list[Section]:
     merged: list[Section] = []
     for section in sections:
         last = merged[-1] if merged else None
-        if last is not None and last.group == section.group and _joins(last, section):
+        if last is not None and _joins(last, section):
             heading = last.heading
             if section.heading not in heading.split(", ") and len(heading) < 60:
                 heading = f"{heading}, {section.heading}"
-            merged[-1] = Section(heading, last.start, section.end, last.group)
+            merged[-1] = Section(heading, last.start, section.end, last.group, last.part)
         else:
             merged.append(section)
     return merged
 
 
 def _joins(last: Section, section: Section) -> bool:
+    if (last.group, last.part) != (section.group, section.part):
+        return False
     lines = last.end - last.start + 1
     if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
         return lines <= 2
