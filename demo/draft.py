@@ -79,7 +79,7 @@ def draft_page(source: Source) -> Draft:
     names = named_files(source.path, cut.lines)
     cache = BuildCache(
         source.digest,
-        _digest(title, description, *cut.symbols, *names),
+        _digest(title, description, *cut.symbols),
         [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections],
         names,
     )

@@ -74,7 +74,7 @@ def _placed(folder: str | None, name: str) -> str:
     """The name as seen from a folder of the tree; None: from anywhere."""
     if folder is None:
         return name
-    return posixpath.normpath(f"/{folder}/{name}")
+    return posixpath.normpath(posixpath.join("/", folder, name.lstrip("/")))
 
 
 class Files:
