@@ -10,7 +10,7 @@ from dataclasses import asdict
 from demo.errors import UserError
 from demo.hashed_features import telling_stems
 from demo.search import Hit, Searcher
-from demo.show import Style, cut, cut_left, duration, is_terminal, plural, width
+from demo.show import cut, cut_left, duration, is_terminal, plural, styled, width
 
 EXCERPT_LINES = 2
 
@@ -20,7 +20,7 @@ def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
     if as_json:
         print(json.dumps([asdict(hit) for hit in hits], indent=2))
         return
-    style, columns, words = Style(), width(), set(telling_stems(question))
+    columns, words = width(), set(telling_stems(question))
     if not hits:
         print("nothing found")
     for number, hit in enumerate(hits, 1):
@@ -28,13 +28,14 @@ def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
         place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank))
         scores = f"  {hit.score:.4g} (cosine {hit.similarity:.2f})"
         scores = scores if len(rank + place + scores) <= columns else ""
-        print(f"{rank}{style.path(place)}{style.dim(scores)}")
+        print(f"{rank}{styled('path', place)}{styled('dim', scores)}")
         names = [hit.title] if hit.title != hit.path else []
         names += [hit.heading] if hit.heading != hit.title else []
         more = f"  (+{hit.more} more)" if hit.more else ""
-        print("    " + style.bold(cut(": ".join(names), columns - 4 - len(more))) + style.dim(more))
+        heading = cut(": ".join(names), columns - 4 - len(more))
+        print(f"    {styled('bold', heading)}{styled('dim', more)}")
         for line in hit.excerpt(words, EXCERPT_LINES):
-            print(style.dim("    | ") + cut(line.strip(), columns - 6))
+            print(styled("dim", "    | ") + cut(line.strip(), columns - 6))
 
 
 def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
@@ -46,7 +47,7 @@ def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None
     taken = time.monotonic() - began
     print_hits(hits, question, as_json)
     if is_terminal(sys.stdout) and not as_json:
-        print(Style().dim(f"{plural(len(hits), 'file')} in {duration(taken)}"))
+        print(styled("dim", f"{plural(len(hits), 'file')} in {duration(taken)}"))
 
 
 def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:

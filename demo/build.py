@@ -34,8 +34,8 @@ _Moves = dict[tuple[str, int, int], tuple[int, int]]
 
 
 @dataclass(slots=True)
-class Plan:
-    """What a build has to do, found without changing anything."""
+class Result:
+    """What a build has to do, found without changing anything, and what it did."""
 
     changed: list[str] = field(default_factory=list)  # paths to be drafted
     reembed: set[str] = field(default_factory=set)
@@ -45,6 +45,10 @@ class Plan:
     unreadable: list[str] = field(default_factory=list)  # their pages stay
     left_out: Counter[str] = field(default_factory=Counter)
     manifest: str = ""
+    built: int = 0
+    moved: int = 0
+    chunks: int = 0
+    seconds: float = 0.0
 
     @property
     def files(self) -> int:
@@ -52,30 +56,16 @@ class Plan:
         return len(self.changed) + len(self.reembed) + self.unchanged
 
 
-@dataclass(slots=True)
-class Result:
-    """What a build did, for the user."""
-
-    plan: Plan
-    built: int = 0
-    moved: int = 0
-    chunks: int = 0
-    seconds: float = 0.0
-
-
 class Interrupted(Exception):
     """The user stopped the build; every page stored so far is whole."""
 
-    def __init__(self, done: int, total: int) -> None:
-        super().__init__(f"stopped after {done:,} of {total:,} files; build again to continue")
 
-
-def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Plan:
+def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Result:
     """Compares the tree with the pages. Without a model, embeddings count as fitting."""
     pages = {page["page_id"]: page for page in wiki.repository.get_wiki_pages(wiki.branch)}
-    mixed = model is not None and any(page["model"] != model for page in pages.values())
     listing = list_tree(wiki.root, wiki.checkout)
-    plan = Plan(mixed=mixed, unreadable=listing.unreadable, left_out=listing.left_out)
+    plan = Result(unreadable=listing.unreadable, left_out=listing.left_out)
+    plan.mixed = model is not None and any(page["model"] != model for page in pages.values())
     manifest = blake2b(str(FORMAT).encode(), digest_size=16)
     progress.start("reading", len(listing.paths))
     for path in listing.paths:
@@ -84,7 +74,7 @@ def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Plan:
         if source == "unreadable":
             plan.unreadable.append(path)
         elif isinstance(source, str):
-            plan.left_out[source] += source != "gone"
+            plan.left_out[source] += 1
         else:
             manifest.update(f"{path}\0{source.digest}\0".encode())
             page = pages.pop(path, None)
@@ -129,26 +119,26 @@ def build(wiki: Wiki, embedder: Embedder, progress: Progress) -> Result:
     try:
         work.run()
     except KeyboardInterrupt:
-        raise Interrupted(work.done, plan.files) from None
+        done = f"stopped after {work.done:,} of {plan.files:,} files; build again to continue"
+        raise Interrupted(done) from None
     except UserError as error:
         raise UserError(f"{error}; {work.done:,} of {plan.files:,} files are done") from error
     finally:
         progress.finish()
-    work.result.seconds = time.monotonic() - began
-    return work.result
+    plan.seconds = time.monotonic() - began
+    return plan
 
 
 class _Work:
     """One run of a build; ``done`` counts the files that are up to date."""
 
-    def __init__(self, wiki: Wiki, embedder: Embedder, progress: Progress, plan: Plan) -> None:
+    def __init__(self, wiki: Wiki, embedder: Embedder, progress: Progress, plan: Result) -> None:
         self._wiki = wiki
         self._repository = wiki.repository
         self._embedder = embedder
         self._progress = progress
         self._plan = plan
         self._has_begun = False
-        self.result = Result(plan)
         self.done = plan.unchanged
 
     def run(self) -> None:
@@ -156,20 +146,22 @@ class _Work:
         self._progress.start("building", len(plan.changed) + len(plan.reembed))
         self._reembed()
         waiting: list[Draft] = []
-        shifted: list[Draft] = []
+        shifted: list[tuple[Draft, _Moves]] = []
         for path in plan.changed:
             source = read_source(self._wiki.root, path)
             if isinstance(source, str):  # since the plan was made; the next build sees to it
                 continue
             draft = draft_page(source)
-            (shifted if self._moves(draft) else waiting).append(draft)
+            if moves := self._moves(draft):
+                shifted.append((draft, moves))
+            else:
+                waiting.append(draft)
             if sum(len(one.chunks) for one in waiting) >= BATCH:
                 self._store(waiting)
                 waiting = []
         self._store(waiting)
-        self._begin()
-        for draft in shifted:
-            self._move(draft)
+        for draft, moves in shifted:
+            self._move(draft, moves)
         for page_id in plan.gone:
             self._repository.delete_wiki_page(branch, page_id)
         self._relate()
@@ -184,23 +176,17 @@ class _Work:
 
     def _begin(self) -> None:
         """Counts the waiting files as changed; with mixed embeddings the branch has no model."""
-        if self._has_begun:
-            return
-        self._has_begun = True
-        self._wiki.enter_in_catalogue()
-        state = self._wiki.state()
-        self._repository.upsert_wiki_state(
-            self._wiki.branch,
-            last_built_at=state.get("last_built_at"),
-            last_commit=state.get("last_commit"),
-            changed_since_build=len(self._plan.changed) + len(self._plan.gone),
-            model=None if self._plan.mixed else self._embedder.model,
-            page_count=state.get("page_count") or 0,
-            manifest_hash=state.get("manifest_hash"),
-        )
+        if not self._has_begun:
+            self._has_begun = True
+            self._wiki.enter_in_catalogue()
+            kept = {**self._wiki.state()}
+            kept.pop("branch", None)
+            kept["changed_since_build"] = len(self._plan.changed) + len(self._plan.gone)
+            kept["model"] = None if self._plan.mixed else self._embedder.model
+            self._repository.upsert_wiki_state(self._wiki.branch, **kept)
 
     def _step(self, chunks: int) -> None:
-        self.result.chunks += chunks
+        self._plan.chunks += chunks
         self.done += 1
         self._progress.step()
 
@@ -217,7 +203,7 @@ class _Work:
             row = repository.upsert_wiki_page(branch, draft.page_id, status="building", **fields)
             stored = repository.replace_wiki_chunks(row, branch, draft.chunks, model)
             repository.upsert_wiki_page(branch, draft.page_id, status="built", **fields)
-            self.result.built += 1
+            self._plan.built += 1
             self._step(stored)
 
     def _moves(self, draft: Draft) -> _Moves | None:
@@ -231,15 +217,12 @@ class _Work:
             return None
         if [text for _s, _e, text in before.sections] != [text for _s, _e, text in after.sections]:
             return None
-        return {
-            (draft.page_id, old[0], old[1]): (new[0], new[1])
-            for old, new in zip(before.sections, after.sections, strict=True)
-        }
+        ranges = zip(before.sections, after.sections, strict=True)
+        return {(draft.page_id, old[0], old[1]): (new[0], new[1]) for old, new in ranges}
 
-    def _move(self, draft: Draft) -> None:
+    def _move(self, draft: Draft, moves: _Moves) -> None:
         """Moves a page's citations to the draft's lines; nothing is embedded."""
-        moves = self._moves(draft) or {}
-        fields = dict(draft.fields)
+        fields = {**draft.fields, "model": self._embedder.model}
         moved = {name: fields[name] for name in ("citations", "content_hash", "build_cache")}
         self._repository.update_wiki_page_citations(
             self._wiki.branch,
@@ -248,29 +231,24 @@ class _Work:
             moves=moves,
             **moved,
         )
-        fields["model"] = self._embedder.model
         self._repository.upsert_wiki_page(self._wiki.branch, draft.page_id, **fields)
-        self.result.moved += 1
+        self._plan.moved += 1
         self._step(0)
 
     def _reembed(self) -> None:
         """New embeddings for the chunks of unchanged pages; their texts stay."""
-        if not self._plan.reembed:
-            return
+        repository, branch, model = self._repository, self._wiki.branch, self._embedder.model
         texts: dict[str, list[tuple[int, str]]] = {page_id: [] for page_id in self._plan.reembed}
-        for chunk_id, page_id, title, heading, content in self._repository.wiki_chunk_texts(
-            self._wiki.branch
-        ):
+        rows = repository.wiki_chunk_texts(branch) if texts else []
+        for chunk_id, page_id, title, heading, content in rows:
             if page_id in texts:
                 texts[page_id].append((chunk_id, embedding_text(title, heading, content)))
         for page_id, chunks in texts.items():
             vectors = self._vectors([text for _chunk_id, text in chunks])
             pairs = [(one[0], vector) for one, vector in zip(chunks, vectors, strict=True)]
             self._begin()
-            self._repository.update_wiki_chunk_embeddings(
-                self._wiki.branch, pairs, self._embedder.model
-            )
-            self._update(page_id, model=self._embedder.model)
+            repository.update_wiki_chunk_embeddings(branch, pairs, model)
+            self._update(page_id, model=model)
             self._step(len(chunks))
 
     def _relate(self) -> None:

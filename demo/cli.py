@@ -23,32 +23,19 @@ from demo.wiki import branches, built_wiki, delete_branch, wiki_to_build
 
 PROGRAM = "wiki"
 
-_MORE = {
-    "": """examples:
+_EXAMPLES = """examples:
   wiki build ~/src/project
   wiki search "how are transactions rolled back"
-  wiki export /tmp/pages""",
-    "build": """Only files that changed since the last build are drafted and embedded again; of
+  wiki export /tmp/pages"""
+_BUILD = """Only files that changed since the last build are drafted and embedded again; of
 those that only shifted the citations move. Pages of files that are gone are
 deleted. A build that was stopped continues where it was.
 
 An embedder is a function that takes a list of texts and returns a list of equally
 long lists of numbers. The wiki remembers it; naming another one embeds everything
-again ("hashed-features" is the built-in one).
-
-examples:
-  wiki build .
-  wiki build ~/src/project --branch next
-  wiki build . --embedder my_embeddings:embed""",
-    "search": """Without a question, reads questions line by line and keeps the index loaded.
-
-examples:
-  wiki search "where is the cache dropped"
-  wiki search "open a file" --top 3 --json""",
-    "export": """examples:
-  wiki export /tmp/pages && xdg-open /tmp/pages/index.html""",
-}
+again ("hashed-features" is the built-in one)."""
 _LEFT_OUT_SHOWN = 8
+_ADVICE = "; if that stays, delete the database file and build again"
 
 
 class _Parser(argparse.ArgumentParser):
@@ -60,49 +47,41 @@ class _Parser(argparse.ArgumentParser):
 
 def _parser() -> argparse.ArgumentParser:
     raw = argparse.RawDescriptionHelpFormatter
-    parser = _Parser(
-        prog=PROGRAM,
-        description="Builds and searches the wiki of a source tree, offline.",
-        epilog=_MORE[""],
-        formatter_class=raw,
-    )
+    about = "Builds and searches the wiki of a source tree, offline."
+    parser = _Parser(prog=PROGRAM, description=about, epilog=_EXAMPLES, formatter_class=raw)
     parser.add_argument("--version", action="version", version=f"{PROGRAM} {VERSION}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    def command(name: str, purpose: str) -> argparse.ArgumentParser:
+    def command(name: str, purpose: str, *shared: str, more: str = "") -> argparse.ArgumentParser:
         sub = commands.add_parser(
-            name,
-            help=purpose,
-            description=purpose[0].upper() + purpose[1:] + ".",
-            epilog=_MORE.get(name),
-            formatter_class=raw,
+            name, help=purpose, description=f"{purpose.capitalize()}.\n\n{more}", formatter_class=raw
         )
-        where = "the database (default: one in your cache for each tree)"
-        sub.add_argument("--db", metavar="FILE", help=where)
-        which = "the branch (default: the one checked out, or main)"
-        sub.add_argument("--branch", metavar="NAME", help=which)
-        if name != "build":
-            tree = "the tree (default: this folder or one above it)"
-            sub.add_argument("--repo", metavar="DIR", help=tree)
-        if name in ("build", "search"):
-            what = "embeds texts (default: what the wiki was built with, or built in)"
-            sub.add_argument("--embedder", metavar="MODULE:FUNCTION", help=what)
-        if name not in ("build", "export"):
+        for option, metavar, about in (
+            ("--db", "FILE", "the database (default: one in your cache for each tree)"),
+            ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
+            ("--repo", "DIR", "the tree (default: this folder or one above it)"),
+            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: what the wiki was built with)"),
+        ):
+            if option in ("--db", "--branch", *shared):
+                sub.add_argument(option, metavar=metavar, help=about)
+        if "--json" in shared:
             sub.add_argument("--json", action="store_true", help="print JSON")
         return sub
 
-    sub = command("build", "build the wiki of a tree, or bring it up to date")
+    build = "build the wiki of a tree, or bring it up to date"
+    sub = command("build", build, "--embedder", more=_BUILD)
     sub.add_argument("repo", metavar="REPO", nargs="?", default=".", help="default: this folder")
-    sub = command("search", "find the files that answer a question")
+    find = "find the files that answer a question"
+    sub = command("search", find, "--repo", "--embedder", "--json")
     sub.add_argument("question", metavar="QUESTION", nargs="*", help="none: ask at a prompt")
     sub.add_argument("--top", metavar="N", type=_count, default=5, help="results (default: 5)")
-    sub = command("pages", "list the pages, or show one with its sections")
+    sub = command("pages", "list the pages, or show one with its sections", "--repo", "--json")
     sub.add_argument("page", metavar="PAGE", nargs="?", help="the page to show")
-    sub = command("export", "write the wiki as a folder of static HTML")
+    sub = command("export", "write the wiki as a folder of static HTML", "--repo")
     sub.add_argument("folder", metavar="DIR", help="new, empty, or an export to replace")
-    sub = command("branches", "list the branches that have a wiki, or delete one")
-    sub.add_argument("--delete", metavar="NAME", help="delete the wiki of this branch")
-    command("status", "tell where the wiki stands; changes nothing")
+    sub = command("branches", "list the branches that have a wiki", "--repo", "--json")
+    sub.add_argument("--delete", metavar="NAME", help="delete the wiki of this branch instead")
+    command("status", "tell where the wiki stands; changes nothing", "--repo", "--json")
     return parser
 
 
@@ -120,8 +99,8 @@ def _run(options: argparse.Namespace) -> None:
             if options.db is None:
                 print(f"wiki: {wiki.database}")
         return
-    branch = options.delete if options.command == "branches" else None
-    with built_wiki(options.repo, options.db, branch or options.branch, bool(branch)) as wiki:
+    doomed = getattr(options, "delete", None)
+    with built_wiki(options.repo, options.db, doomed or options.branch, bool(doomed)) as wiki:
         if options.command == "search":
             searcher = Searcher(wiki, chosen_embedder(wiki, options.embedder))
             if (note := searcher.note()) is not None:
@@ -137,25 +116,23 @@ def _run(options: argparse.Namespace) -> None:
         elif options.command == "export":
             count, first = export(wiki, options.folder, Progress())
             print(f"{plural(count, 'page')}: open {first}")
-        elif branch:
-            print(f"{plural(delete_branch(wiki, branch), 'page')} of branch '{branch}' deleted")
+        elif doomed:
+            print(f"{plural(delete_branch(wiki, doomed), 'page')} of branch '{doomed}' deleted")
         elif options.command == "branches":
             print_branches(branches(wiki), options.json)
         else:
             print_status(wiki, options.json)
 
 
-def _print_result(result: Result) -> None:
-    plan = result.plan
-    done = [(result.built, "built"), (len(plan.reembed), "embedded again")]
-    done += [(result.moved, "moved"), (plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
+def _print_result(plan: Result) -> None:
+    done = [(plan.built, "built"), (len(plan.reembed), "embedded again")]
+    done += [(plan.moved, "moved"), (plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
-    chunks = f" ({plural(result.chunks, 'chunk')})" if result.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(result.seconds)}")
-    reasons = [(reason, count) for reason, count in plan.left_out.most_common() if count]
+    chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(plan.seconds)}")
+    reasons = plan.left_out.most_common()
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
-    if len(parts) > _LEFT_OUT_SHOWN:
-        rest = sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:])
+    if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
         parts[_LEFT_OUT_SHOWN:] = [f"{rest:,} others"]
     if parts:
         print(f"left out: {', '.join(parts)}")
@@ -173,12 +150,8 @@ def main(arguments: Sequence[str] | None = None) -> int:
         sys.stdout.reconfigure(errors="replace")  # a terminal without a character shows "?"
     parser = _parser()
     options = parser.parse_args(arguments)
-    database = "the database"
     try:
-        if options.command is None:
-            parser.print_help()
-        else:
-            _run(options)
+        _run(options) if options.command else parser.print_help()
         sys.stdout.flush()
     except UserError as error:
         return _fail(str(error), 2)
@@ -189,14 +162,9 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return _fail(f"{error}{_ADVICE}", 2)
     except (ValueError, TypeError, LookupError) as error:  # rows that this program did not write
         return _fail(f"a row of the wiki is damaged, {type(error).__name__}: {error}{_ADVICE}", 2)
-    except Interrupted as error:
-        return _fail(str(error), 130)
-    except KeyboardInterrupt:
-        return _fail("stopped", 130)
+    except (Interrupted, KeyboardInterrupt) as error:
+        return _fail(str(error) or "stopped", 130)
     return 0
-
-
-_ADVICE = "; if that stays, delete the database file and build again"
 
 
 def _fail(message: str, status: int) -> int:

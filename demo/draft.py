@@ -11,7 +11,7 @@ from pathlib import PurePosixPath
 from typing import Any
 
 from demo.imports import named_files
-from demo.languages import LICENCE, PYTHON
+from demo.languages import LICENCE
 from demo.sections import Outline, Section, comment_paragraphs, outline, plain
 from demo.show import plural
 from demo.source_tree import Source
@@ -137,8 +137,8 @@ def _description(source: Source, cut: Outline) -> str:
     if source.language.kind == "document":
         paragraphs = _paragraphs(cut.lines)
     else:
-        paragraphs = _comments(cut.lines, source.language is PYTHON)
-        if source.language is PYTHON and cut.docstring:
+        paragraphs = _comments(cut.lines, source.language.name == "Python")
+        if source.language.name == "Python" and cut.docstring:
             paragraphs = re.sub(r"\n(\W)\1+ *\n", "\n", cut.docstring).split("\n\n")
     each = (" ".join(paragraph.split()) for paragraph in paragraphs)
     words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), "")

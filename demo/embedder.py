@@ -37,14 +37,12 @@ class Embedder:
         except (Exception, SystemExit) as error:
             raise UserError(f"embedder '{self.name}' failed: {_told(error)}") from error
         lengths = {len(vector) for vector in vectors} | ({self.dimension} - {0})
-        if len(vectors) != len(texts) or len(lengths) > 1 or 0 in lengths:
-            raise UserError(
-                f"embedder '{self.name}' returned {len(vectors)} vectors of lengths"
-                f" {sorted(lengths)} for {len(texts)} texts"
-            )
+        found = f"{len(vectors)} vectors of lengths {sorted(lengths)} for {len(texts)} texts"
         if not all(math.isfinite(sum(vector)) for vector in vectors):
-            raise UserError(f"embedder '{self.name}' returned a number that is not finite")
-        return [vector.tolist() for vector in vectors]
+            found = "a number that is not finite"
+        elif len(vectors) == len(texts) and len(lengths) == 1 and 0 not in lengths:
+            return [vector.tolist() for vector in vectors]
+        raise UserError(f"embedder '{self.name}' returned {found}")
 
 
 def load_embedder(spec: str) -> Embedder:
@@ -54,8 +52,7 @@ def load_embedder(spec: str) -> Embedder:
     module_name, colon, function_name = spec.partition(":")
     if not (module_name and colon and function_name):
         raise UserError(f"embedder '{spec}' is not of the form module:function")
-    if "" not in sys.path:
-        sys.path.append("")  # an embedder of the user's own may lie in the current folder
+    sys.path.append("")  # an embedder of the user's own may lie in the current folder
     try:
         function: Any = importlib.import_module(module_name)
         for part in function_name.split("."):
@@ -70,34 +67,25 @@ def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
 
     UserError when that one is not to be had as it was: nothing is embedded again unasked.
     """
-    state = wiki.state()
-    if spec or not state or not state["page_count"] and not state["model"]:
+    pages = [] if spec else wiki.repository.get_wiki_pages(wiki.branch)
+    if not pages:
         return load_embedder(spec or hashed_features.NAME)
-    model = state["model"]
+    model = wiki.state().get("model")
     if model is None:
-        pages = wiki.repository.get_wiki_pages(wiki.branch)
-        names = sorted({_name(page["model"]) for page in pages if page["model"]})
+        names = sorted({page["model"].rpartition("/")[0] for page in pages})
         choice = " or ".join(f"--embedder {name}" for name in names)
-        raise UserError(
-            f"the embeddings of branch '{wiki.branch}' are half replaced, "
-            + ("a build is running" if wiki.is_being_built else "a build was stopped")
-            + f": finish it with 'build', {choice}"
-        )
-    again = f"'build --embedder {hashed_features.NAME}' embeds everything again, with the built-in"
+        how = "a build is running" if wiki.is_being_built else "a build was stopped"
+        half = f"the embeddings of branch '{wiki.branch}' are half replaced, {how}"
+        raise UserError(f"{half}: finish it with 'build' and {choice}")
+    again = f"--embedder {hashed_features.NAME} with 'build' embeds everything again, by words"
     try:
-        embedder = load_embedder(_name(model))
+        embedder = load_embedder(model.rpartition("/")[0])
     except UserError as error:
         raise UserError(f"{error}; the wiki was built with it: {again}") from error
     if embedder.model != model:
-        raise UserError(
-            f"embedder '{embedder.name}' gives {embedder.dimension} numbers now, the wiki was built"
-            f" with '{model}': name it with --embedder to embed everything again"
-        )
+        changed = f"embedder '{embedder.name}' gives {embedder.dimension} numbers now, not as once"
+        raise UserError(f"{changed} '{model}': name it with --embedder to embed everything again")
     return embedder
-
-
-def _name(model: str) -> str:
-    return model.rpartition("/")[0]
 
 
 def _told(error: BaseException) -> str:

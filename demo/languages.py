@@ -7,27 +7,24 @@ from dataclasses import dataclass
 from pathlib import PurePosixPath
 
 MAX_BYTES = 1 << 20
-_DOCUMENT_BYTES = 1 << 18  # larger texts and tables are rather data than something to read
-_DATA_BYTES = 1 << 16
 _COMMENTED = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
 
 
 @dataclass(frozen=True, slots=True)
 class Language:
-    """A kind of file: "source", "document" or "data", and how large one may be.
+    """A kind of file: "source", "document" or "data", and how many bytes may be worth a page.
 
-    ``definition`` matches where one begins, given that line and the next; its one group that
-    matched is the name. ``above`` matches lines that belong to a definition below them. Documents
-    have headings: lines that match ``heading``, or that stand above a row of ``underlines``.
+    ``begins`` matches where a definition begins, given that line and the next; its one group that
+    matched is the name. Of a document it matches a line that is a heading; others stand above a
+    row of ``underlines``. ``above`` matches lines that belong to a definition below them.
     """
 
     name: str
-    definition: re.Pattern[str] | None = None
-    above: re.Pattern[str] = _COMMENTED
-    kind: str = "source"
-    limit: int = MAX_BYTES
-    heading: re.Pattern[str] = re.compile(r"(?!)")
-    underlines: str = ""
+    kind: str
+    limit: int
+    begins: re.Pattern[str]
+    above: re.Pattern[str]
+    underlines: str
 
 
 LICENCE = re.compile(
@@ -55,7 +52,7 @@ _WORDS = (
 )
 _JAVA = _WORDS + (
     r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|assert|"
-    r"await|yield|using|lock|package|import|goto|echo)\b)[\w@][\w<>\[\],.?&@ ]*[\s>\]]"
+    r"await|yield|using|lock|package|import|goto|echo)\b)[\w@<][\w<>\[\],.?&@ ]*[\s>\]]"
     r"(?P<method>\w+)\s*\([^=\n]*$"
 )
 _SCRIPT = (
@@ -73,103 +70,65 @@ _RUST = (
     r"(?P<name>[\w:<>' ]*\w)"
     r"|[ ]{4}(?:pub(?:\([^)]*\))?\s+)?(?:(?:async|unsafe|const)\s+)*fn\s+(?P<method>\w+)"
 )
-_SQL = (
-    r"(?i:create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|procedure)"
-    r"\s+(?:if\s+not\s+exists\s+)?(?P<name>[\w.\"`]+))"
-)
-_MAKE = r"(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|define\s+(?P<text>\S+)"
-_SHELL = r"(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|function\s+(?P<other>[\w:-]+)"
-_HASKELL = r"(?:data|newtype|class|instance|type)\s+(?P<name>[^={]*\w)|(?P<value>\w+)\s*::"
-_ZIG = r"[ ]{0,4}(?:pub\s+)?(?:fn|const|test)\s+(?P<name>[\w\"]+)"
+_UNDERLINES = "=-~^\"'*+#`.:"
+_FAMILIES = (  # kind, what begins a definition or is a heading, names with their suffixes
+    ("source", "(?!)", "Python: py pyi pyw; Dockerfile: dockerfile"),
+    ("source", _C, "C: c; C or C++ header: h; C++: cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu cuh;"
+     " Objective-C: m mm; grammar: y l yy ll"),
+    ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
+    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs; Perl: pl pm;"
+     " Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; script: dart groovy gradle jl nim ps1 r"),
+    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx; TypeScript: ts mts cts tsx"),
+    ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
+    ("source", _RUST, "Rust: rs"),
+    ("source", r"(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)", "Go: go"),
+    ("source", r"(?:data|newtype|class|instance|type)\s+(?P<name>[^={]*\w)|(?P<value>\w+)\s*::",
+     "Haskell: hs"),
+    ("source", r"[ ]{0,4}(?:pub\s+)?(?:fn|const|test)\s+(?P<name>[\w\"]+)", "Zig: zig"),
+    ("source", r"\s*fu\w*!?\s+(?P<name>[\w:#.]+)", "Vim script: vim"),
+    ("source", r"(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|function\s+(?P<other>[\w:-]+)",
+     "shell: sh bash zsh"),
+    ("source", r"(?i:create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|"
+     r"procedure)\s+(?:if\s+not\s+exists\s+)?(?P<name>[\w.\"`]+))", "SQL: sql"),
+    ("source", r"(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|define\s+(?P<text>\S+)",
+     "make: mk"),
+    ("source", r"(?i:function|macro)\s*\(\s*(?P<name>\w+)", "CMake: cmake"),
+    ("document", r"#{1,6}\s+(.*?)\s*#*\s*$", "Markdown: md markdown mdx"),
+    ("document", "(?!)", "reStructuredText: rst; text: txt"),
+    ("document", r"(?i:.*?<h[1-6][^>]*>(.*?)(?:</h[1-6]>|$))", "HTML: html htm xhtml"),
+    ("document", r"={1,6}\s+(.*)", "AsciiDoc: adoc asciidoc"),
+    ("document", r"\*+\s+(.*)", "Org: org"),
+    ("data", r"(?P<name>[^\s{}/*][^{}/]*?)\s*\{", "CSS: css"),
+    ("data", r"(?: {2}| {4}|\t)\"(?P<name>[^\"]+)\":", "JSON: json"),
+    ("data", r"\[+(?P<name>[^\]]+)\]", "TOML: toml"),
+    ("data", r"(?P<name>[\w.-]+):", "YAML: yaml yml"),
+)  # fmt: skip
+_LIMITS = {"source": MAX_BYTES, "document": 1 << 18, "data": 1 << 16}
 
-
-def _source(name: str, pattern: str, above: re.Pattern[str] = _COMMENTED) -> Language:
-    return Language(name, re.compile(pattern, re.MULTILINE), above)
-
-
-def _document(name: str, heading: str, underlines: str = "") -> Language:
-    pattern = re.compile(heading, re.IGNORECASE)
-    return Language(name, None, _COMMENTED, "document", _DOCUMENT_BYTES, pattern, underlines)
-
-
-def _data(name: str, pattern: str) -> Language:
-    return Language(name, re.compile(pattern), _COMMENTED, "data", _DATA_BYTES)
-
-
-PYTHON = Language("Python")
-MARKDOWN = _document("Markdown", r"#{1,6}\s+(.*?)\s*#*\s*$", "=-")
-_CPP = _source("C++", _C, _ABOVE_C)
-_SH = _source("shell", _SHELL)
-_PERL = _source("Perl", _WORDS)
-_RUBY = _source("Ruby", _WORDS)
-_JAVASCRIPT = _source("JavaScript", _SCRIPT)
-_MAKEFILE = _source("make", _MAKE)
-_CMAKE_FILE = _source("CMake", r"(?i:function|macro)\s*\(\s*(?P<name>\w+)")
-_ANY_UNDERLINE = "=-~^\"'*+#`.:"
-
-_BY_SUFFIX: dict[str, Language] = {
-    "." + suffix: language
-    for suffixes, language in (
-        ("py pyi pyw", PYTHON),
-        ("md markdown mdx", MARKDOWN),
-        ("rst", _document("reStructuredText", "(?!)", _ANY_UNDERLINE)),
-        ("txt", _document("text", "(?!)", _ANY_UNDERLINE)),
-        ("html htm xhtml", _document("HTML", r".*?<h[1-6][^>]*>(.*?)(?:</h[1-6]>|$)")),
-        ("adoc asciidoc", _document("AsciiDoc", r"={1,6}\s+(.*)")),
-        ("org", _document("Org", r"\*+\s+(.*)")),
-        ("c", _source("C", _C, _ABOVE_C)),
-        ("h", _source("C or C++ header", _C, _ABOVE_C)),
-        ("cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu cuh", _CPP),
-        ("m mm", _source("Objective-C", _C, _ABOVE_C)),
-        ("y l yy ll", _source("grammar", _C, _ABOVE_C)),
-        ("js mjs cjs jsx", _JAVASCRIPT),
-        ("ts mts cts tsx", _source("TypeScript", _SCRIPT)),
-        ("vue", _source("Vue", _SCRIPT + r"|<(?P<part>template|script|style)")),
-        ("go", _source("Go", r"(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)")),
-        ("rs", _source("Rust", _RUST)),
-        ("java", _source("Java", _JAVA)),
-        ("kt kts", _source("Kotlin", _JAVA)),
-        ("cs", _source("C#", _JAVA)),
-        ("scala", _source("Scala", _WORDS)),
-        ("swift", _source("Swift", _WORDS)),
-        ("php", _source("PHP", _WORDS)),
-        ("rb", _RUBY),
-        ("ex exs", _source("Elixir", _WORDS)),
-        ("hs", _source("Haskell", _HASKELL)),
-        ("zig", _source("Zig", _ZIG)),
-        ("proto", _source("Protocol Buffers", _WORDS)),
-        ("sh bash zsh", _SH),
-        ("pl pm", _PERL),
-        ("lua", _source("Lua", _WORDS)),
-        ("vim", _source("Vim script", r"\s*fu\w*!?\s+(?P<name>[\w:#.]+)")),
-        ("dart groovy gradle jl nim ps1 r", _source("script", _WORDS)),
-        ("sql", _source("SQL", _SQL)),
-        ("pyx pxd", _source("Cython", _WORDS)),
-        ("mk", _MAKEFILE),
-        ("cmake", _CMAKE_FILE),
-        ("css", _data("CSS", r"(?P<name>[^\s{}/*][^{}/]*?)\s*\{")),
-        ("json", _data("JSON", r"(?: {2}| {4}|\t)\"(?P<name>[^\"]+)\":")),
-        ("toml", _data("TOML", r"\[+(?P<name>[^\]]+)\]")),
-        ("yaml yml", _data("YAML", r"(?P<name>[\w.-]+):")),
-    )
-    for suffix in suffixes.split()
-}
+_BY_SUFFIX: dict[str, Language] = {}
+for _kind, _pattern, _row in _FAMILIES:
+    for _name, _suffixes in (entry.split(":") for entry in _row.split(";")):
+        _begins = re.compile(_pattern, re.MULTILINE)
+        _above = _ABOVE_C if _pattern is _C else _COMMENTED
+        _lines = {"rst": _UNDERLINES, "txt": _UNDERLINES, "md markdown mdx": "=-"}
+        _under = _lines.get(_suffixes.strip(), "")
+        _one = Language(_name.strip(), _kind, _LIMITS[_kind], _begins, _above, _under)
+        _BY_SUFFIX |= {"." + suffix: _one for suffix in _suffixes.split()}
 _BY_NAME = {
-    "makefile": _MAKEFILE,
-    "gnumakefile": _MAKEFILE,
-    "cmakelists.txt": _CMAKE_FILE,
-    "dockerfile": Language("Dockerfile"),
-    "readme": MARKDOWN,
-    "readme.txt": MARKDOWN,
-}
-_BY_FIRST_LINE = (
-    (re.compile(rb"-\*- *(?:mode: *)?C\+\+ *-\*-"), _CPP),
-    (re.compile(rb"^#!.*\bpython"), PYTHON),
-    (re.compile(rb"^#!.*\b(?:ba|da|k|z)?sh\b"), _SH),
-    (re.compile(rb"^#!.*\bperl\b"), _PERL),
-    (re.compile(rb"^#!.*\bruby\b"), _RUBY),
-    (re.compile(rb"^#!.*\bnode\b"), _JAVASCRIPT),
-)
+    name: _BY_SUFFIX[suffix]
+    for name, suffix in (
+        ("makefile", ".mk"), ("gnumakefile", ".mk"), ("cmakelists.txt", ".cmake"),
+        ("dockerfile", ".dockerfile"), ("readme", ".md"), ("readme.txt", ".md"),
+    )
+}  # fmt: skip
+_BY_FIRST_LINE = {
+    re.compile(pattern): _BY_SUFFIX[suffix]
+    for pattern, suffix in (
+        (rb"-\*- *(?:mode: *)?C\+\+ *-\*-", ".cpp"), (rb"^#!.*\bpython", ".py"),
+        (rb"^#!.*\b(?:ba|da|k|z)?sh\b", ".sh"), (rb"^#!.*\bperl\b", ".pl"),
+        (rb"^#!.*\bruby\b", ".rb"), (rb"^#!.*\bnode\b", ".js"),
+    )
+}  # fmt: skip
 
 
 def may_be_source(path: str) -> bool:
@@ -183,10 +142,6 @@ def language_of(path: str, data: bytes) -> Language | None:
     """The language by name, else by the first line of the file; None when it is neither."""
     name = PurePosixPath(path)
     named = _BY_NAME.get(name.name.lower()) or _BY_SUFFIX.get(name.suffix.lower())
-    if named is not None:
-        return named
     first_line = data[:200].split(b"\n", 1)[0]
-    for pattern, language in _BY_FIRST_LINE:
-        if pattern.search(first_line):
-            return language
-    return None
+    told = (language for line, language in _BY_FIRST_LINE.items() if line.search(first_line))
+    return named or next(told, None)

@@ -55,7 +55,7 @@ class _Found:
     weight: float
     record: dict[str, Any]
     rarity: dict[str, float]
-    words: set[str]
+    words: list[str]
 
 
 @dataclass(frozen=True, slots=True)
@@ -114,21 +114,19 @@ class Searcher:
 
         How rare a word is shows from the chunks at hand; the store's order adds its part.
         """
-        counts = [Counter(stems(f"{one['heading']} {one['heading']}\n{one['content']}")) for one in records]
+        texts = (f"{one['heading']} {one['heading']}\n{one['content']}" for one in records)
+        counts = [Counter(stems(text)) for text in texts]
         rarity = {}
         for word in telling_stems(question):
             held = sum(word in count for count in counts)
             rarity[word] = math.log(1 + (len(counts) - held + 0.5) / (held + 0.5))
         mean = sum(count.total() for count in counts) / max(1, len(counts))
         for rank, (record, count) in enumerate(zip(records, counts, strict=True), 1):
-            words = {word: rare for word, rare in rarity.items() if word in count}
             damping = _K1 * (1 - _B + _B * count.total() / mean)
-            score = sum(
-                rare * count[word] * (_K1 + 1) / (count[word] + damping)
-                for word, rare in words.items()
-            )
+            words = [word for word in rarity if word in count]
+            each = (rarity[word] * count[word] / (count[word] + damping) for word in words)
             if words:
-                yield _Found(score + FUSED * 60 / (60 + rank), record, rarity, set(words))
+                yield _Found((_K1 + 1) * sum(each) + FUSED * 60 / (60 + rank), record, rarity, words)
 
     def _hit(self, page_id: str, chunks: list[_Found]) -> Hit:
         """A file by its best chunks, and by the words in them, in its name and description."""
@@ -137,10 +135,8 @@ class Searcher:
         places = [page.path, page.description, page.symbols]
         places.append(set().union(*(chunk.words for chunk in chunks)))
         score = sum(part * chunk.weight for part, chunk in zip(PARTS, chunks))
-        score += sum(
-            rare * sum(word in place for place in places)
-            for word, rare in chunks[0].rarity.items()
-        )
+        rarity = chunks[0].rarity.items()
+        score += sum(rare * sum(word in place for place in places) for word, rare in rarity)
         record = chunks[0].record
         citation = next(iter(record["citations"]), {})
         return Hit(
@@ -171,7 +167,7 @@ class Searcher:
 
 def _by_store(records: list[dict[str, Any]], _question: str) -> Iterator[_Found]:
     for record in records:
-        yield _Found(record.get("score", record["similarity"]), record, {}, set())
+        yield _Found(record.get("score", record["similarity"]), record, {}, [])
 
 
 def explain_mismatch(wiki: Wiki, embedder: Embedder) -> None:
@@ -181,7 +177,5 @@ def explain_mismatch(wiki: Wiki, embedder: Embedder) -> None:
         raise UserError(f"the wiki of branch '{wiki.branch}' {what} has no chunks yet")
     model = wiki.state().get("model")
     if model != embedder.model:
-        raise UserError(
-            f"branch '{wiki.branch}' was built with '{model}', which '{embedder.model}' cannot be"
-            " compared with: leave --embedder out, or 'build' with it first"
-        )
+        built = f"branch '{wiki.branch}' was built with '{model}', which cannot be compared with"
+        raise UserError(f"{built} '{embedder.model}': leave --embedder out, or 'build' with it")

@@ -10,7 +10,7 @@ import re
 from collections.abc import Iterator
 from dataclasses import dataclass, field
 
-from demo.languages import LICENCE, MARKDOWN, PYTHON, Language
+from demo.languages import LICENCE, Language
 from demo.python_marks import python_marks
 
 MERGE_LINES = 30  # neighbours are merged while they fit into this
@@ -22,6 +22,15 @@ MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be
 
 _HEADING = "heading"  # the group of the sections of a document
 _BETWEEN = "between"  # the group of what is no import, comment or definition
+_MARKUP = re.compile(r"!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
+_COMMENT = re.compile(
+    r"\s*(?:#(?!\s*(?:include|pragma|define|if|ifn?def|el\w+|endif|undef|error|line|import)\b)|//"
+    r"|/\*|\*(?![\w(])|--|;|<!--)"
+)
+_IMPORT = re.compile(
+    r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
+    r"|include|source|module|'use strict'|\"use strict\")\b"
+)
 
 
 @dataclass(frozen=True, slots=True)
@@ -65,44 +74,17 @@ class Outline:
 def outline(language: Language, text: str) -> Outline:
     """Cuts a file; one that does not parse, or has nothing to cut at, is cut into line blocks."""
     lines = text.split("\n")
-    marks: list[Mark] = []
     docstring = ""
-    if language is PYTHON:
-        found = python_marks(text, lines, SPLIT_LINES)
-        if found is not None:
-            marks, docstring = [Mark(*mark) for mark in found[0]], found[1]
-    elif language.kind == "document":
-        marks = _heading_marks(lines, language)
-    elif language.definition is not None:
-        marks = _definition_marks(lines, language)
+    if language.name == "Python":
+        found, docstring = python_marks(text, lines, SPLIT_LINES)
+        marks = [Mark(*mark) for mark in found]
+    else:
+        cut = _heading_marks if language.kind == "document" else _definition_marks
+        marks = cut(lines, language)
     symbols = [mark.heading for mark in marks if mark.symbol and mark.heading]
     sections = _ranges(marks, lines) or _ranges([Mark(1, "overview")], lines)
     parts = [part for one in _merged(sections) for part in _split(one, lines)]
     return Outline(parts, list(dict.fromkeys(symbols)), lines, docstring)
-
-
-def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
-    """Marks at headings: marked and underlined ones; nothing inside a fenced block counts."""
-    rows = re.escape(language.underlines)
-    underline = re.compile(rf"([{rows}])\1+\s*$" if rows else r"(?!)")
-    marks = [Mark(1, "overview")]
-    fence = ""
-    for number, line in enumerate(lines, 1):
-        opening = language is MARKDOWN and re.match(r"\s{0,3}(```+|~~~+)", line)
-        if fence:
-            if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
-                fence = ""
-        elif opening:
-            fence = opening[1]
-        elif found := language.heading.match(line):
-            marks.append(Mark(number, plain(found[1]) or "untitled", _HEADING))
-        elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
-            marks.append(Mark(number - 1, plain(lines[number - 2]), _HEADING))
-    return marks
-
-
-def _is_title(line: str, underline: str) -> bool:
-    return bool(line.strip()) and line[0].isalnum() and len(underline.rstrip()) >= len(line) - 2
 
 
 def plain(heading: str) -> str:
@@ -110,49 +92,60 @@ def plain(heading: str) -> str:
     return _MARKUP.sub(lambda match: match[1] or "", heading).strip()
 
 
-_MARKUP = re.compile(r"!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
-_COMMENT = re.compile(
-    r"\s*(?:#(?!\s*(?:include|pragma|define|if|ifn?def|el\w+|endif|undef|error|line|import)\b)|//|/\*"
-    r"|\*(?![\w(])|--|;|<!--)"
-)
-_IMPORT = re.compile(
-    r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
-    r"|include|source|module|'use strict'|\"use strict\")\b"
-)
+def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
+    """Marks at headings: marked and underlined ones; nothing inside a fenced block counts."""
+    rows = re.escape(language.underlines)
+    underline = re.compile(rf"([{rows}])\1+\s*$" if rows else r"(?!)")
+    marks = [Mark(1, "overview")]
+    fence = above = ""
+    for number, line in enumerate(lines, 1):
+        opening = language.name == "Markdown" and re.match(r"\s{0,3}(```+|~~~+)", line)
+        is_title = above[:1].isalnum() and len(line.rstrip()) >= len(above) - 2
+        if fence:
+            if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
+                fence = ""
+        elif opening:
+            fence = opening[1]
+        elif found := language.begins.match(line):
+            marks.append(Mark(number, plain(found[1]) or "untitled", _HEADING))
+        elif is_title and underline.match(line):
+            marks.append(Mark(number - 1, plain(above), _HEADING))
+        above = line
+    return marks
 
 
 def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     """Marks at the lines that look like definitions, their comments above them included."""
-    assert language.definition is not None
     marks: list[Mark] = []
     above = 1  # no comment above this line belongs to the next definition
     notice = _notice_lines(lines)
     bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number in notice or not marks and not any(map(str.isalnum, line)):
+        if number in notice or not (marks or any(map(str.isalnum, line))):
             above = number + 1
             if not marks or marks[-1].heading is not None:
                 marks.append(Mark(number, None))
             continue
         near = lines[number - 1 : number + 1] if len(line) <= MAX_DEFINITION else []
-        found = None if bracket else language.definition.match("\n".join(near))
-        if found is not None:
-            name = next(group for group in found.groups() if group)
+        if not bracket and (found := language.begins.match("\n".join(near))):
             start = number
             while start > above and language.above.match(lines[start - 2]):
                 start -= 1
-            marks.append(Mark(start, name, "", True))
+            marks.append(Mark(start, next(filter(None, found.groups())), "", True))
             above = number + 1
         elif (not marks or not marks[-1].symbol) and line.strip():
-            imports = _IMPORT.match(line) or bracket
-            if imports:
-                last = line.rstrip()[-1:]
-                bracket = {"(": ")", "{": "}"}.get(last, "" if bracket in line else bracket)
-            heading = None if imports else "overview"
-            if not marks or (marks[-1].heading is None) != (heading is None):
+            if imports := bool(bracket or _IMPORT.match(line)):
+                closed = "" if bracket in line else bracket
+                bracket = {"(": ")", "{": "}"}.get(line.rstrip()[-1:], closed)
+            if not marks or (marks[-1].heading is None) != imports:
                 group = "overview" if language.above.match(line) else _BETWEEN
-                marks.append(Mark(number, heading, group))
-    return _in_order(marks)
+                marks.append(Mark(number, None if imports else "overview", group))
+    kept: list[Mark] = []  # without those whose comment a definition has taken over
+    for mark in marks:
+        while kept and kept[-1].line >= mark.line:
+            kept.pop()
+        kept.append(mark)
+    return kept
 
 
 def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
@@ -189,23 +182,12 @@ def _notice_lines(lines: list[str]) -> set[int]:
         elif len(paragraph) > LONG_NOTICE:
             notice += [number for number in paragraph if LICENCE.search(lines[number - 1])]
         else:
-            if notice and len(between) <= LONG_NOTICE:
-                notice += between
+            notice += between if notice and len(between) <= LONG_NOTICE else []
             notice += paragraph
             between = []
-    # With the empty and decorated lines among them.
-    return {n for n in range(min(notice, default=1), max(notice, default=0) + 1)
-            if n in notice or not any(map(str.isalnum, lines[n - 1]))}  # fmt: skip
-
-
-def _in_order(marks: list[Mark]) -> list[Mark]:
-    """Drops marks that a later one starts at or before (a comment taken over by a definition)."""
-    kept: list[Mark] = []
-    for mark in marks:
-        while kept and kept[-1].line >= mark.line:
-            kept.pop()
-        kept.append(mark)
-    return kept
+    first, last = min(notice, default=1), max(notice, default=0)
+    empty = (n for n in range(first, last) if not any(map(str.isalnum, lines[n - 1])))
+    return {*notice, *empty}
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
@@ -215,9 +197,8 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
     """
     sections = []
     part = 0
-    for position, mark in enumerate(marks):
+    for mark, end in zip(marks, [*(mark.line - 1 for mark in marks[1:]), len(lines)]):
         part += mark.heading is None
-        end = marks[position + 1].line - 1 if position + 1 < len(marks) else len(lines)
         start = mark.line
         while start <= end and not lines[start - 1].strip():
             start += 1
@@ -252,19 +233,14 @@ def _joins(last: Section, section: Section) -> bool:
     return lines <= TINY_LINES or section.end - last.start < MERGE_LINES
 
 
-def _split(section: Section, lines: list[str]) -> list[Section]:
+def _split(section: Section, lines: list[str]) -> Iterator[Section]:
     """Parts of about ``BLOCK_LINES``, cut at a blank line where one is near."""
-    parts: list[Section] = []
-    start = section.start
+    heading, start, number = section.heading, section.start, 1
     while section.end - start >= SPLIT_LINES:
         cut = start + BLOCK_LINES
         near = range(cut, max(start, cut - BLOCK_LINES // 3), -1)
         cut = next((line for line in near if not lines[line - 1].strip()), cut)
-        parts.append(Section(_part(section.heading, len(parts)), start, cut))
-        start = cut + 1
-    parts.append(Section(_part(section.heading, len(parts)), start, section.end))
-    return parts
-
-
-def _part(heading: str, number: int) -> str:
-    return heading if number == 0 else f"{heading} ({number + 1})"
+        yield Section(heading, start, cut)
+        start, number = cut + 1, number + 1
+        heading = f"{section.heading} ({number})"
+    yield Section(heading, start, section.end)

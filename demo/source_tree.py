@@ -14,7 +14,7 @@ from hashlib import blake2b
 from pathlib import Path, PurePosixPath
 
 from demo.git import Checkout
-from demo.languages import MAX_BYTES, PYTHON, Language, language_of, may_be_source
+from demo.languages import MAX_BYTES, Language, language_of, may_be_source
 
 MAX_MEAN_LINE = 250  # bytes a line; above it a file is minified or data, not written by hand
 
@@ -43,7 +43,7 @@ class Source:
     def text(self) -> str:
         """The file decoded, with every line ending as a single newline; never raises."""
         encoding = "utf-8-sig"
-        if self.language is PYTHON:
+        if self.language.name == "Python":
             try:
                 encoding, _ = tokenize.detect_encoding(io.BytesIO(self.data).readline)
             except SyntaxError:

@@ -13,7 +13,7 @@ from contextlib import contextmanager, nullcontext
 from dataclasses import dataclass
 from hashlib import blake2b
 from pathlib import Path
-from typing import Any
+from typing import Any, BinaryIO
 
 from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
@@ -49,13 +49,11 @@ class Wiki:
 
 def default_database(root: Path) -> Path:
     """Where the wiki of a tree lies unless told otherwise: in the user's cache, not in the tree."""
-    cache = os.environ.get("XDG_CACHE_HOME")
-    try:
-        caches = Path(cache) if cache else Path.home() / ".cache"
-    except RuntimeError as error:
-        raise UserError("there is no home folder to keep the wiki in: give --db") from error
+    cache = os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache")
+    if cache.startswith("~"):
+        raise UserError("there is no home folder to keep the wiki in: give --db")
     digest = blake2b(os.fsencode(root), digest_size=5).hexdigest()
-    return caches / "tessaly-wiki" / f"{root.name or 'root'}-{digest}.db"
+    return Path(cache) / "tessaly-wiki" / f"{root.name or 'root'}-{digest}.db"
 
 
 @contextmanager
@@ -67,7 +65,7 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
     root = folder(repo)
     tree = checkout(root)
     chosen = _valid(branch) or (tree.branch if tree else "main")
-    path = default_database(root) if db is None else _file(db)
+    path = _file(db, root)
     if db is None:
         path.parent.mkdir(parents=True, exist_ok=True)
     is_new = not path.exists()
@@ -75,10 +73,8 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
         with _locked(path), _opened(path) as repository:
             entry = repository.get_wiki_page(_CATALOGUE, chosen)
             if entry and entry["rel_path"] != str(root) and Path(entry["rel_path"]).is_dir():
-                raise UserError(
-                    f"{path} holds branch '{chosen}' of another tree, {entry['rel_path']}:"
-                    " choose another --db or --branch"
-                )
+                other = f"{path} holds branch '{chosen}' of another tree, {entry['rel_path']}"
+                raise UserError(f"{other}: choose another --db or --branch")
             try:
                 yield Wiki(repository, path, root, chosen, tree)
             finally:
@@ -97,7 +93,7 @@ def built_wiki(
     One that is not to be changed may lie where nothing can be written.
     """
     root = folder(repo) if repo else None
-    path = _nearest_database(root) if db is None else _file(db)
+    path = _file(db, root)
     if not path.exists() or path.stat().st_size == 0:
         raise UserError(f"no wiki at {path}: make one with 'build'")
     is_being_built = _is_locked(path)  # asked before SQLite has locks of its own on the file
@@ -116,11 +112,9 @@ def built_wiki(
         likely = next(iter(trees)) if len(trees) == 1 else "main" if root else ""
         chosen = _valid(branch) or current or likely
         if chosen not in trees:
-            held = f"it holds {', '.join(sorted(trees))}" if trees else "it holds none"
-            raise UserError(
-                f"branch '{chosen}' has no wiki in {path} ({held}):"
-                " make one with 'build', or choose with --branch"
-            )
+            lacking = f"branch '{chosen}' has no wiki in {path}"
+            held = ", ".join(sorted(trees)) or "none"
+            raise UserError(f"{lacking} (it holds {held}): 'build' one, or choose with --branch")
         yield Wiki(repository, path, root or trees[chosen], chosen, None, is_being_built)
 
 
@@ -129,15 +123,14 @@ def branches(wiki: Wiki) -> list[dict[str, Any]]:
     rows = []
     for page in wiki.repository.get_wiki_pages(_CATALOGUE):
         state = wiki.repository.get_wiki_state(page["page_id"]) or {}
-        row = {"branch": page["page_id"], "repository": page["rel_path"]}
-        rows.append(row | {name: state.get(name) for name in ("page_count", "last_built_at")})
+        told = {name: state.get(name) for name in ("page_count", "last_built_at")}
+        rows.append({"branch": page["page_id"], "repository": page["rel_path"], **told})
     return rows
 
 
 def delete_branch(wiki: Wiki, branch: str) -> int:
-    """Deletes a branch's pages and returns their number; UserError when it has no wiki."""
-    if not wiki.repository.delete_wiki_page(_CATALOGUE, branch):
-        raise UserError(f"branch '{branch}' has no wiki in {wiki.database}")
+    """Deletes a branch's pages and returns their number."""
+    wiki.repository.delete_wiki_page(_CATALOGUE, branch)
     pages = wiki.repository.get_wiki_pages(branch)
     for page in pages:
         wiki.repository.delete_wiki_page(branch, page["page_id"])
@@ -164,24 +157,24 @@ def _locked(path: Path) -> Iterator[None]:
     if not path.parent.is_dir():
         raise UserError(f"cannot open the database {path}: there is no folder {path.parent}")
     with path.open("ab") as file:
-        for patience in (0.1, 0.2, None):  # a search that just looks holds it for a moment
-            try:
-                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-                break
-            except BlockingIOError as error:
-                if patience is None:
-                    raise UserError(f"another build of {path} is running: wait for it") from error
-                time.sleep(patience)
+        if not _lock(file, fcntl.LOCK_EX):
+            time.sleep(0.2)  # a search that just looks holds it for a moment
+            if not _lock(file, fcntl.LOCK_EX):
+                raise UserError(f"another build of {path} is running: wait for it")
         yield
 
 
 def _is_locked(path: Path) -> bool:
     with path.open("rb") as file:
-        try:
-            fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
-        except BlockingIOError:
-            return True
-    return False
+        return not _lock(file, fcntl.LOCK_SH)
+
+
+def _lock(file: BinaryIO, kind: int) -> bool:
+    try:
+        fcntl.flock(file, kind | fcntl.LOCK_NB)
+    except BlockingIOError:
+        return False
+    return True
 
 
 @contextmanager
@@ -201,27 +194,17 @@ def _writable(path: Path) -> Iterator[Path]:
 def folder(repo: str) -> Path:
     """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
-    if not root.exists():
-        raise UserError(f"there is no folder {repo}")
     if not root.is_dir():
-        raise UserError(f"{repo} is not a folder")
+        raise UserError(f"{repo} is not a folder" if root.exists() else f"there is no folder {repo}")
     return root
 
 
-def _file(db: str) -> Path:
-    if not db:
+def _file(db: str | None, root: Path | None) -> Path:
+    """The database that was named; else the default of ``root``, or of a folder above this one."""
+    if db == "":
         raise UserError("--db needs the name of a file")
-    return Path(db)
-
-
-def _valid(branch: str | None) -> str | None:
-    if branch is not None and (not branch.strip() or branch.startswith(":")):
-        raise UserError(f"'{branch}' is not the name of a branch")
-    return branch
-
-
-def _nearest_database(root: Path | None) -> Path:
-    """The default database of ``root``; else of this folder or the nearest above that has one."""
+    if db is not None:
+        return Path(db)
     if root is not None:
         return default_database(root)
     here = Path.cwd()
@@ -229,3 +212,9 @@ def _nearest_database(root: Path | None) -> Path:
         if place.exists():
             return place
     raise UserError(f"no wiki of {here} or a folder above it: make one with 'build', or give --db")
+
+
+def _valid(branch: str | None) -> str | None:
+    if branch is not None and (not branch.strip() or branch.startswith(":")):
+        raise UserError(f"'{branch}' is not the name of a branch")
+    return branch
