@@ -105,9 +105,8 @@ class Searcher:
         """What the user should know of the answers: None, or that files are still missing."""
         if not self._built or self._built["last_built_at"] is not None:
             return None
-        how = "is still being built" if self._wiki.is_being_built else "was stopped"
-        missing = self._built["changed_since_build"]
-        return f"the first build {how}; up to {missing:,} files may be missing"
+        how = "still building" if self._wiki.is_being_built else "the first build stopped"
+        return f"{how}; up to {self._built['changed_since_build']:,} files may be missing"
 
     def _by_words(self, records: list[dict[str, Any]], question: str) -> Iterator[_Found]:
         """The chunks that share words with the question, by stem, weighted by BM25.
