@@ -159,7 +159,7 @@ class Building(DemoCase):
         self.build()
         whole = self.stored()
         other = self.embedder(lambda batch: [[1.0] * hashed_features.DIMENSION] * len(batch))
-        for writes in range(2, 26, 3):  # that the build makes before it is interrupted
+        for writes in range(2, 21, 3):  # that the build makes before it is interrupted
             self.db.unlink()
             self.write({"gone.py": "def gone():\n    pass\n", "latin.py": "old = 1\n"})
             self.build("--embedder", other)
