@@ -28,8 +28,8 @@ _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|codi
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(
     r"(?:@\w+\s|(?:last )?(?:updated?|modified|created|date|author|version|file|by)\b.{0,60}$|\$\w+"
-    r"|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b|(?:\W|\d|[ap]m\b|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov"
-    r"|dec|mon|tue|wed|thu|fri|sat|sun)[a-z]*\b|th\b|st\b)*$)",
+    r"|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b"
+    r"|(?:\W|\d|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov|dec)[a-z]*\b|th\b|st\b)*$)",
     re.IGNORECASE,
 )
 
@@ -41,7 +41,6 @@ class Draft:
     page_id: str
     fields: dict[str, Any]
     chunks: list[dict[str, Any]]
-    names: list[str]
 
 
 @dataclass(frozen=True, slots=True)
@@ -72,17 +71,13 @@ def draft_page(source: Source) -> Draft:
     """The page of one file; the same bytes always give the same draft."""
     cut = outline(source.language, source.text())
     document = source.language.kind == "document"
-    title = _document_title(source.path, cut) if document else source.path
+    headings = (one.heading for one in cut.sections if not one.heading.startswith("overview"))
+    title = next(headings, source.path).split(", ")[0] if document else source.path
     description = _description(source, cut)
     folder = str(PurePosixPath(source.path).parent)
     chunks = [_chunk(source.path, cut, section) for section in cut.sections]
-    names = named_files(source.path, cut.lines)
-    cache = BuildCache(
-        source.digest,
-        _digest(title, description, *cut.symbols),
-        [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections],
-        names,
-    )
+    texts = [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections]
+    head, names = _digest(title, description, *cut.symbols), named_files(source.path, cut.lines)
     fields = {
         "title": title,
         "description": description,
@@ -96,10 +91,10 @@ def draft_page(source: Source) -> Draft:
         "citations": [_citation(source.path, section) for section in cut.sections],
         "content_hash": _digest(*(chunk["content"] for chunk in chunks)),
         "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
-        "build_cache": cache.dump(),
+        "build_cache": BuildCache(source.digest, head, texts, names).dump(),
         "page_type": source.language.kind,
     }
-    return Draft(source.path, fields, chunks, names)
+    return Draft(source.path, fields, chunks)
 
 
 def embedding_text(title: str, heading: str, content: str) -> str:
@@ -125,11 +120,6 @@ def _chunk(path: str, cut: Outline, section: Section) -> dict[str, Any]:
         "citations": [_citation(path, section)],
         "token_count": len(content.split()),
     }
-
-
-def _document_title(path: str, cut: Outline) -> str:
-    headings = (section.heading for section in cut.sections)
-    return next((one for one in headings if not one.startswith("overview")), path).split(", ")[0]
 
 
 def _description(source: Source, cut: Outline) -> str:
@@ -174,8 +164,7 @@ def _comments(lines: list[str], leading: bool) -> Iterable[str]:
 
 def _importance(source: Source, cut: Outline) -> str:
     """Entry points and large modules first; tests, examples, data and tiny files last."""
-    name = PurePosixPath(source.path).name.lower()
-    stem = name.partition(".")[0]
+    stem = PurePosixPath(source.path).name.lower().partition(".")[0]
     depth = source.path.count("/")
     tiny = len(cut.lines) < 15 and stem != "readme"
     if tiny or _LOW.search(source.path) or source.language.kind == "data":

@@ -58,16 +58,6 @@ class _Found:
     words: list[str]
 
 
-@dataclass(frozen=True, slots=True)
-class _Page:
-    """What counts of a page beside its chunks: stems, and a factor."""
-
-    path: set[str]
-    description: set[str]
-    symbols: set[str]
-    worth: float
-
-
 class Searcher:
     """Asks one wiki; the first question loads the branch's chunk index, the next ones reuse it."""
 
@@ -75,7 +65,7 @@ class Searcher:
         """UserError when the wiki is empty or its embeddings are not of this embedder."""
         self._wiki = wiki
         self._embedder = embedder
-        self._pages: dict[str, _Page] = {}
+        self._pages: dict[str, tuple[list[set[str]], float]] = {}
         explain_mismatch(wiki, embedder)
         self._built = wiki.state()
 
@@ -130,16 +120,15 @@ class Searcher:
     def _hit(self, page_id: str, chunks: list[_Found]) -> Hit:
         """A file by its best chunks, and by the words in them, in its name and description."""
         chunks.sort(key=lambda chunk: -chunk.weight)
-        page = self._page(page_id)
-        places = [page.path, page.description, page.symbols]
-        places.append(set().union(*(chunk.words for chunk in chunks)))
+        places, worth = self._page(page_id)
+        places = [*places, set().union(*(chunk.words for chunk in chunks))]
         score = sum(part * chunk.weight for part, chunk in zip(PARTS, chunks))
         rarity = chunks[0].rarity.items()
         score += sum(rare * sum(word in place for place in places) for word, rare in rarity)
         record = chunks[0].record
         citation = next(iter(record["citations"]), {})
         return Hit(
-            score=round(score * page.worth, 4),
+            score=round(score * worth, 4),
             similarity=record["similarity"],
             page=page_id,
             title=record["title"],
@@ -151,16 +140,15 @@ class Searcher:
             more=len(chunks) - 1,
         )
 
-    def _page(self, page_id: str) -> _Page:
+    def _page(self, page_id: str) -> tuple[list[set[str]], float]:
+        """The stems of a page's path, description and symbols, and what its score is worth."""
         if page_id not in self._pages:
             page = self._wiki.repository.get_wiki_page(self._wiki.branch, page_id) or {}
             size = len(page.get("citations") or ())
-            self._pages[page_id] = _Page(
-                set(stems(page_id)),
-                set(stems(page.get("description") or "")),
-                set(stems(" ".join(page.get("symbols") or ()))),
-                (LOW if page.get("importance") == "low" else 1) / (1 + SIZE * math.log(1 + size)),
-            )
+            texts = (page_id, page.get("description") or "", " ".join(page.get("symbols") or ()))
+            worth = LOW if page.get("importance") == "low" else 1.0
+            places = [set(stems(text)) for text in texts]
+            self._pages[page_id] = (places, worth / (1 + SIZE * math.log(1 + size)))
         return self._pages[page_id]
 
 

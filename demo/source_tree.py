@@ -67,13 +67,11 @@ class Listing:
 def list_tree(root: Path, checkout: Checkout | None) -> Listing:
     """The files of a tree, sorted; git's own list where there is a checkout."""
     listing = Listing([], Counter(), [])
-    paths = checkout.paths if checkout is not None else _walk(root, listing)
-    for path in sorted(paths):
-        reason = _unfit(path)
-        if reason is None:
-            listing.paths.append(path)
-        else:
+    for path in sorted(checkout.paths if checkout is not None else _walk(root, listing)):
+        if reason := _unfit(path):
             listing.left_out[reason] += 1
+        else:
+            listing.paths.append(path)
     return listing
 
 
@@ -92,8 +90,7 @@ def read_source(root: Path, path: str) -> Source | str:
     if language is None:
         return "of no known kind"
     if len(data) > language.limit:
-        size = "1 MB" if language.limit == MAX_BYTES else f"{language.limit >> 10} kB"
-        return f"over {size}"
+        return "over 1 MB" if language.limit == MAX_BYTES else f"over {language.limit >> 10} kB"
     if not data.strip():
         return "empty"
     if b"\0" in data:
@@ -121,14 +118,11 @@ def _walk(root: Path, listing: Listing) -> Iterator[str]:
 def _unfit(path: str) -> str | None:
     """Why the name alone rules a file out; None when it does not."""
     *folders, name = path.split("/")
-    for folder in folders:
-        if folder in _VENDORED:
-            return f"{folder}/"
+    if vendored := next(filter(_VENDORED.__contains__, folders), None):
+        return f"{vendored}/"
     # A name that is no text (lone surrogates) or that breaks lines cannot be cited.
     if any(char < " " or "\ud800" <= char <= "\udfff" for char in path):
         return "of unusable name"
     if ".min." in name or name in _LOCKS:
         return "minified" if ".min." in name else "generated"
-    if not may_be_source(path):
-        return PurePosixPath(name).suffix.lower() or "of no known kind"
-    return None
+    return None if may_be_source(path) else PurePosixPath(name).suffix.lower() or "of no known kind"
