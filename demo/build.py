@@ -38,7 +38,6 @@ class Result:
     """What a build has to do, found without changing anything, and what it did."""
 
     changed: list[str] = field(default_factory=list)  # paths to be drafted
-    reembed: set[str] = field(default_factory=set)
     unchanged: int = 0
     mixed: bool = False  # some pages have embeddings of another model
     gone: list[str] = field(default_factory=list)
@@ -53,7 +52,7 @@ class Result:
     @property
     def files(self) -> int:
         """Files of the tree that have, or will have, a page."""
-        return len(self.changed) + len(self.reembed) + self.unchanged
+        return len(self.changed) + self.unchanged
 
 
 class Interrupted(Exception):
@@ -79,12 +78,11 @@ def make_plan(wiki: Wiki, model: str | None, progress: Progress) -> Result:
             manifest.update(f"{path}\0{source.digest}\0".encode())
             page = pages.pop(path, None)
             cache = BuildCache.parse(page["build_cache"]) if page else None
-            if not page or page["status"] != "built" or not cache or cache.digest != source.digest:
-                plan.changed.append(path)
-            elif model is not None and page["model"] != model:
-                plan.reembed.add(path)
-            else:
+            is_whole = page and page["status"] == "built" and model in (None, page["model"])
+            if is_whole and cache and cache.digest == source.digest:
                 plan.unchanged += 1
+            else:
+                plan.changed.append(path)
     progress.finish()
     hidden = tuple(path for path in plan.unreadable if path.endswith("/"))
     missing = sorted(path for path in pages if not path.startswith(hidden))
@@ -143,8 +141,7 @@ class _Work:
 
     def run(self) -> None:
         plan, branch = self._plan, self._wiki.branch
-        self._progress.start("building", len(plan.changed) + len(plan.reembed))
-        self._reembed()
+        self._progress.start("building", len(plan.changed))
         waiting: list[Draft] = []
         shifted: list[tuple[Draft, _Moves]] = []
         for path in plan.changed:
@@ -234,22 +231,6 @@ class _Work:
         self._repository.upsert_wiki_page(self._wiki.branch, draft.page_id, **fields)
         self._plan.moved += 1
         self._step(0)
-
-    def _reembed(self) -> None:
-        """New embeddings for the chunks of unchanged pages; their texts stay."""
-        repository, branch, model = self._repository, self._wiki.branch, self._embedder.model
-        texts: dict[str, list[tuple[int, str]]] = {page_id: [] for page_id in self._plan.reembed}
-        rows = repository.wiki_chunk_texts(branch) if texts else []
-        for chunk_id, page_id, title, heading, content in rows:
-            if page_id in texts:
-                texts[page_id].append((chunk_id, embedding_text(title, heading, content)))
-        for page_id, chunks in texts.items():
-            vectors = self._vectors([text for _chunk_id, text in chunks])
-            pairs = [(one[0], vector) for one, vector in zip(chunks, vectors, strict=True)]
-            self._begin()
-            repository.update_wiki_chunk_embeddings(branch, pairs, model)
-            self._update(page_id, model=model)
-            self._step(len(chunks))
 
     def _relate(self) -> None:
         """Notes with each page the pages that its source names: others may have come or gone."""

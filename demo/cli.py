@@ -54,13 +54,13 @@ def _parser() -> argparse.ArgumentParser:
 
     def command(name: str, purpose: str, *shared: str, more: str = "") -> argparse.ArgumentParser:
         sub = commands.add_parser(
-            name, help=purpose, description=f"{purpose.capitalize()}.\n\n{more}", formatter_class=raw
+            name, help=purpose, description=f"{purpose}.\n\n{more}", formatter_class=raw
         )
         for option, metavar, about in (
             ("--db", "FILE", "the database (default: one in your cache for each tree)"),
             ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
             ("--repo", "DIR", "the tree (default: this folder or one above it)"),
-            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: what the wiki was built with)"),
+            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: as the wiki was built)"),
         ):
             if option in ("--db", "--branch", *shared):
                 sub.add_argument(option, metavar=metavar, help=about)
@@ -125,8 +125,8 @@ def _run(options: argparse.Namespace) -> None:
 
 
 def _print_result(plan: Result) -> None:
-    done = [(plan.built, "built"), (len(plan.reembed), "embedded again")]
-    done += [(plan.moved, "moved"), (plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
+    done = [(plan.built, "built"), (plan.moved, "moved")]
+    done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
     chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
     print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(plan.seconds)}")

@@ -95,7 +95,8 @@ class Files:
             inside = next((self._within[one] for one in below if one in self._within), [])
             inside = [one for one in inside if one.endswith(".go") and "_test." not in one]
             return inside if len(inside) <= _FOLDER_PAGES else []
-        ends = [one for one in self._named.get(basename(name), ()) if f"/{one}".endswith(f"/{name}")]
+        alike = self._named.get(basename(name), ())
+        ends = [one for one in alike if f"/{one}".endswith(f"/{name}")]
         near = [one for one in ends if one in (name, join(dirname(path), name))]
         # A standard module is not to be taken for a file far away.
         is_told = "/" in name or name.endswith((".h", ".hpp", ".hh"))

@@ -45,14 +45,14 @@ _ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!
 # A word that says what follows, as most languages have it; or a method by its result and braces.
 _WORDS = (
     r"[ \t]{0,8}(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|"
-    r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local|suspend)\s+)*"
+    r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local)\s+)*"
     r"(?:(?:class|interface|enum|record|@interface|object|trait|struct|protocol|extension|fun|func|"
     r"function|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
     r"(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
 )
 _JAVA = _WORDS + (
-    r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|assert|"
-    r"await|yield|using|lock|package|import|goto|echo)\b)[\w@<][\w<>\[\],.?&@ ]*[\s>\]]"
+    r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|"
+    r"assert|await|yield|using|lock|package|import|goto|echo)\b)[\w@<][\w<>\[\],.?&@ ]*[\s>\]]"
     r"(?P<method>\w+)\s*\([^=\n]*$"
 )
 _SCRIPT = (
@@ -73,11 +73,11 @@ _RUST = (
 _UNDERLINES = "=-~^\"'*+#`.:"
 _FAMILIES = (  # kind, what begins a definition or is a heading, names with their suffixes
     ("source", "(?!)", "Python: py pyi pyw; Dockerfile: dockerfile"),
-    ("source", _C, "C: c; C or C++ header: h; C++: cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu cuh;"
+    ("source", _C, "C: c; C or C++ header: h; C++: cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu;"
      " Objective-C: m mm; grammar: y l yy ll"),
     ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
-    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs; Perl: pl pm;"
-     " Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; script: dart groovy gradle jl nim ps1 r"),
+    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs;"
+     " Perl: pl pm; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; other: dart groovy gradle jl"),
     ("source", _SCRIPT, "JavaScript: js mjs cjs jsx; TypeScript: ts mts cts tsx"),
     ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
     ("source", _RUST, "Rust: rs"),

@@ -114,8 +114,9 @@ class Searcher:
             damping = _K1 * (1 - _B + _B * count.total() / mean)
             words = [word for word in rarity if word in count]
             each = (rarity[word] * count[word] / (count[word] + damping) for word in words)
+            weight = (_K1 + 1) * sum(each) + FUSED * 60 / (60 + rank)
             if words:
-                yield _Found((_K1 + 1) * sum(each) + FUSED * 60 / (60 + rank), record, rarity, words)
+                yield _Found(weight, record, rarity, words)
 
     def _hit(self, page_id: str, chunks: list[_Found]) -> Hit:
         """A file by its best chunks, and by the words in them, in its name and description."""

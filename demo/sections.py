@@ -149,7 +149,7 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
 
 
 def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
-    """Line numbers of each paragraph in the comments of some lines; ``leading``: at the top only."""
+    """Line numbers of each paragraph of comment; ``leading``: of those at the top alone."""
     paragraph: list[int] = []
     inside = False  # a comment whose lines need no mark of their own
     for number, line in enumerate(lines, 1):

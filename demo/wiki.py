@@ -195,7 +195,8 @@ def folder(repo: str) -> Path:
     """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
     if not root.is_dir():
-        raise UserError(f"{repo} is not a folder" if root.exists() else f"there is no folder {repo}")
+        what = "is not a folder" if root.exists() else "is not there, there is no folder"
+        raise UserError(f"{repo} {what}")
     return root
 
 

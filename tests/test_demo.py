@@ -195,7 +195,7 @@ class Building(DemoCase):
         with mock.patch.dict(sys.modules, embedders_under_test=None):
             self.build(status=2, says="--embedder hashed-features")
         self.ask("search", "x", *BUILT_IN, status=2, says="cannot be compared")
-        self.assertIn("9 embedded again", self.build(*BUILT_IN))
+        self.assertIn("9 pages: 9 built", self.build(*BUILT_IN))
         self.assertEqual([chunk[:-1] for chunk in self.stored()[1]], before)
 
     @unittest.skipUnless(shutil.which("git"), "no git here")
