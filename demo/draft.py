@@ -28,7 +28,7 @@ _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|codi
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(
     r"(?:@\w+\s|(?:last )?(?:updated?|modified|created|date|author|version|file|by)\b.{0,60}$|\$\w+"
-    r"|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b"
+    r"|.*\{$|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b"
     r"|(?:\W|\d|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov|dec)[a-z]*\b|th\b|st\b)*$)",
     re.IGNORECASE,
 )
@@ -157,7 +157,7 @@ def _comments(lines: list[str], leading: bool) -> Iterable[str]:
         if re.match(r"\s{2}|\t", lines[paragraph[0] - 1]):
             continue  # within a function
         each = (_MODE_LINE.sub("", lines[number - 1].strip()) for number in paragraph)
-        words = " ".join(line.strip("#/*-=;!< \t") for line in each)
+        words = re.split(r"\s@\w", " ".join(line.strip("#/*-=;!< \t") for line in each))[0]
         if not LICENCE.search(words):
             yield words
 

@@ -77,7 +77,7 @@ _FAMILIES = (  # kind, what begins a definition or is a heading, names with thei
      " Objective-C: m mm; grammar: y l yy ll"),
     ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
     ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs;"
-     " Perl: pl pm; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; other: dart groovy gradle jl"),
+     " Perl: pl pm; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; other: dart gradle jl"),
     ("source", _SCRIPT, "JavaScript: js mjs cjs jsx; TypeScript: ts mts cts tsx"),
     ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
     ("source", _RUST, "Rust: rs"),

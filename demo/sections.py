@@ -22,7 +22,7 @@ MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be
 
 _HEADING = "heading"  # the group of the sections of a document
 _BETWEEN = "between"  # the group of what is no import, comment or definition
-_MARKUP = re.compile(r"!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
+_MARKUP = re.compile(r":[\w:-]+:(?=`)|!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
 _COMMENT = re.compile(
     r"\s*(?:#(?!\s*(?:include|pragma|define|if|ifn?def|el\w+|endif|undef|error|line|import)\b)|//"
     r"|/\*|\*(?![\w(])|--|;|<!--)"
@@ -100,7 +100,7 @@ def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
     fence = above = ""
     for number, line in enumerate(lines, 1):
         opening = language.name == "Markdown" and re.match(r"\s{0,3}(```+|~~~+)", line)
-        is_title = above[:1].isalnum() and len(line.rstrip()) >= len(above) - 2
+        is_title = re.match(r"[ ]?[ ]?[\w:`]", above) and len(line.rstrip()) >= len(above) - 2
         if fence:
             if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
                 fence = ""
