@@ -375,7 +375,7 @@ class Cutting(unittest.TestCase):
             "g.c": ('extern "C" {\n#include <b.h>\n\nstatic int\nadd(int a)\n{\n}\n', ["add"]),
             "h.sh": ("set -e\nset -u\nrun() {\n  :\n}\n", ["overview", "run"]),
             "Makefile": ("A := 1\nB := 2\n\nall: a b\n\tcc\n", ["overview", "all"]),
-            "J.java": ("class A {\n  public int b(int c) {\n  }\n  <T> T d() {\n  }\n}\n", ["A, b, d"]),
+            "J.java": ("class A {\n  public int b(int c) {\n  }\n  <T> T d() {\n", ["A, b, d"]),
             "k.html": ("<body>\n<h1>A</h1>\n\na\n<h2 id=b>B</h2>\n\nb\n", ["overview", "A", "B"]),
             "n.txt": ("Title\n=====\n\nText.\n", ["Title"]),
         }  # fmt: skip
