@@ -110,4 +110,8 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except (subprocess.CalledProcessError, OSError) as error:
+        print(f"quality: {error}", file=sys.stderr)
+        sys.exit(2)
