@@ -43,6 +43,7 @@ def export(wiki: Wiki, folder: str, progress: Progress) -> tuple[int, Path]:
     (target / "pages").mkdir(parents=True, exist_ok=True)
     pages = {page["page_id"]: page for page in wiki.repository.get_wiki_pages(wiki.branch)}
     site = _Site(wiki, pages)
+    front.write_text(site.front(), "utf-8")  # first: an export that is cut short may be repeated
     for asset in _ASSETS:
         (target / asset).write_bytes(Path(__file__).with_name(asset).read_bytes())
     progress.start("writing", len(pages))
@@ -50,7 +51,6 @@ def export(wiki: Wiki, folder: str, progress: Progress) -> tuple[int, Path]:
         (target / "pages" / site.files[page_id]).write_text(site.page(page), "utf-8")
         progress.step()
     progress.finish()
-    front.write_text(site.front(), "utf-8")
     for old in set(target.glob("pages/*.html")):
         if old.name not in site.names:
             old.unlink()

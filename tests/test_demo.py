@@ -29,7 +29,7 @@ from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 
 FILES: dict[str, str | bytes] = {
-    "README.md": "---\ntitle: x\n---\n# Ledger\n\n2024-05-01\n\nKeeps accounts.\n\n## Installing\n"
+    "README.md": "---\ntitle: x\n---\n# Ledger\n\n5 May 2024\n\nKeeps accounts.\n\n## Installing\n"
     "\nCopy it, see [sums](native/sum.cpp).\n",
     "ledger/book.py": '"""The book of accounts."""\n\nimport os\nfrom . import render\n\n\n'
     'def transfer(a, b, amount):\n    """Moves money; rolls back when the balance is short."""\n'
@@ -210,7 +210,7 @@ class Building(DemoCase):
         git("checkout", "-q", "--detach")
         self.ask("search", "accounts", status=2, says="branch 'HEAD' has no wiki .*holds next")
         self.build()
-        self.assertIn("up to date", self.ask("status"))
+        self.assertIn("\nup to date", self.ask("status"))
         self.assertRegex(self.ask("branches"), r"HEAD: \d+ pages, built .*\nnext: ")
         self.assertIn("of branch 'next' deleted", self.ask("branches", "--delete", "next"))
         self.assertNotIn("next", self.ask("branches"))
