@@ -19,7 +19,7 @@ from demo.export import export
 from demo.listing import print_branches, print_page, print_pages, print_status
 from demo.search import Searcher
 from demo.show import Progress, duration, plural
-from demo.wiki import branches, built_wiki, delete_branch, wiki_to_build
+from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
 
 PROGRAM = "wiki"
 
@@ -100,7 +100,10 @@ def _run(options: argparse.Namespace) -> None:
                 print(f"wiki: {wiki.database}")
         return
     doomed = getattr(options, "delete", None)
-    with built_wiki(options.repo, options.db, doomed or options.branch, bool(doomed)) as wiki:
+    branch = doomed or options.branch
+    if branch is None and options.command == "branches":
+        branch = ANY_BRANCH
+    with built_wiki(options.repo, options.db, branch, bool(doomed)) as wiki:
         if options.command == "search":
             searcher = Searcher(wiki, chosen_embedder(wiki, options.embedder))
             if (note := searcher.note()) is not None:

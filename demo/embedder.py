@@ -67,10 +67,10 @@ def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
 
     UserError when that one is not to be had as it was: nothing is embedded again unasked.
     """
-    pages = [] if spec else wiki.repository.get_wiki_pages(wiki.branch)
-    if not pages:
-        return load_embedder(spec or hashed_features.NAME)
     model = wiki.state().get("model")
+    pages = [] if spec else wiki.repository.get_wiki_pages(wiki.branch)
+    if spec or not (model or pages):
+        return load_embedder(spec or hashed_features.NAME)
     if model is None:
         names = sorted({page["model"].rpartition("/")[0] for page in pages})
         choice = " or ".join(f"--embedder {name}" for name in names)

@@ -23,6 +23,7 @@ from demo.git import Checkout, branch_of, checkout
 
 # Which trees and branches a database holds is kept as pages of a branch that git cannot have.
 _CATALOGUE = ":wikis"
+ANY_BRANCH = ":any"
 
 
 @dataclass(frozen=True, slots=True)
@@ -88,7 +89,7 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
 def built_wiki(
     repo: str | None, db: str | None, branch: str | None, to_change: bool = False
 ) -> Iterator[Wiki]:
-    """A wiki that was built before; UserError when there is none.
+    """A wiki that was built before; UserError when there is none. ANY_BRANCH will do.
 
     One that is not to be changed may lie where nothing can be written.
     """
@@ -104,13 +105,14 @@ def built_wiki(
     ):
         pages = repository.get_wiki_pages(_CATALOGUE)
         trees = {page["page_id"]: Path(page["rel_path"]) for page in pages}
+        first = next(iter(trees), "")
         folders = {root} if root else set(trees.values())
         if len(folders) == 1:
             (root,) = folders
         has_git = any(page["level"] == "checkout" for page in pages)
         current = branch_of(root) if root and has_git and root.is_dir() else None
-        likely = next(iter(trees)) if len(trees) == 1 else "main" if root else ""
-        chosen = _valid(branch) or current or likely
+        likely = first if len(trees) == 1 else "main" if root else ""
+        chosen = first if branch == ANY_BRANCH else _valid(branch) or current or likely
         if chosen not in trees:
             lacking = f"branch '{chosen}' has no wiki in {path}"
             held = ", ".join(sorted(trees)) or "none"
