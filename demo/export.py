@@ -101,7 +101,7 @@ class _Site:
         if state.get("last_commit"):
             facts.append(f"commit {escape(state['last_commit'][:10])}")
         cards = "".join(
-            f'<li><a href="pages/{self.files[one["page_id"]]}"><b>{escape(one["title"])}</b>'
+            f'<li><a href="pages/{self.files[one["page_id"]]}"><b>{_broken(one["title"])}</b>'
             f"<span>{escape(one['description'])}</span></a></li>"
             for one in first
         )
@@ -164,13 +164,18 @@ class _Site:
         body = (
             f'<nav class=trail><a href="../index.html">{escape(self._wiki.root.name or "wiki")}</a>'
             f'{trail}<a class=jump href="#about">sections</a></nav>\n<div class=columns>'
-            f"<main class={kind}><h1>{escape(page['title'])}</h1>\n"
+            f"<main class={kind}><h1>{_broken(page['title'])}</h1>\n"
             f"<p class=lead>{escape(page['description'])}</p>\n"
             f"<p class=facts>{escape(page['summary'])}</p>\n"
             f"{''.join(map(_section, sections))}</main>\n"
             f"<aside id=about>{aside}</aside></div>\n"
         )
         return _document(escape(page["title"]), "../style.css", "page", body)
+
+
+def _broken(title: str) -> str:
+    """A title that may be broken after its slashes."""
+    return escape(title).replace("/", "/<wbr>")
 
 
 def _section(section: _Section) -> str:
