@@ -197,8 +197,8 @@ def folder(repo: str) -> Path:
     """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
     if not root.is_dir():
-        what = "is not a folder" if root.exists() else "is not there, there is no folder"
-        raise UserError(f"{repo} {what}")
+        missing = f"there is no folder {repo}"
+        raise UserError(f"{repo} is not a folder" if root.exists() else missing)
     return root
 
 
