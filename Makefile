@@ -15,7 +15,7 @@ needs_wheel = module:pip=python3-pip \
 # Found when a recipe first needs it, once.
 python = $(eval python := $$(shell tools/find_python.sh "$(PYTHON)"))$(python)
 
-.PHONY: help needs build test demo bench lint format sanitize memcheck soak wheel clean
+.PHONY: help needs build test demo quality bench lint format sanitize memcheck soak wheel clean
 
 help: ## this list
 	@sed -n 's/^\([a-z]*\):.*## /\1\t/p' $(MAKEFILE_LIST) | awk -F'\t' '{printf "make %-10s %s\n", $$1, $$2}'
@@ -31,8 +31,11 @@ build: needs ## configure and build; leaves an importable tree in build/python
 test: build ## build, then run every test
 	@ctest --test-dir "$(BUILD)" --output-on-failure --no-tests=error --parallel 2 $(if $(TESTS),-R '$(TESTS)')
 
-demo: build ## build the wiki of this repository (or REPO=...) and ask it (or QUESTION=...)
-	@BUILD="$(BUILD)" PYTHON="$(python)" tools/demo.sh "$(REPO)" "$(QUESTION)"
+demo: build ## build the wiki of this repository (or REPO=...), ask it (or QUESTION=...), write its pages
+	@BUILD="$(BUILD)" tools/demo.sh "$(REPO)" "$(QUESTION)"
+
+quality: build ## how often the demo finds the right file; TREES=... is the folder of more trees
+	@"$(python)" -P tools/quality.py $(if $(TREES),--trees "$(TREES)") "$(BUILD)/wiki"
 
 bench: build ## the speed tables: native against plain Python, the ranking, the import
 	@PYTHONPATH="$(BUILD)/python:." "$(python)" -P -m benchmarks $(BENCH)

@@ -1,7 +1,8 @@
-# mirror_python_files(from to): the .py files below `from`, copied below `to` as part of the build
-# and whenever they change.
+# mirror_python_files(from to): the Python and web files below `from`, copied below `to` as part of
+# the build and whenever they change.
 function(mirror_python_files from to)
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS RELATIVE "${from}" "${from}/*.py" "${from}/*.pyi")
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS RELATIVE "${from}"
+       "${from}/*.py" "${from}/*.pyi" "${from}/*.css" "${from}/*.js")
   set(copies)
   foreach(source IN LISTS sources)
     add_custom_command(

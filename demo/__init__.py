@@ -1,6 +1,9 @@
 """The wiki of a source tree, built and searched offline with nothing but this project.
 
-``python -m demo build REPO`` makes one page for each source or Markdown file, cut into chunks that
-cite line ranges; ``python -m demo search "question"`` finds the chunks that answer. Everything is
-kept in one database file, outside the repository unless ``--db`` says otherwise.
+``wiki build REPO`` makes one page for each source, document or table of settings, cut into chunks
+that cite line ranges; ``wiki search "question"`` finds the files that answer, ``wiki export DIR``
+writes pages to look at. Everything is kept in one database file, outside of the repository unless
+``--db`` says otherwise.
 """
+
+VERSION = "0.1.0"

@@ -1,4 +1,4 @@
-"""Entry point of ``python -m demo``."""
+"""Entry point of ``python -m demo``, which the command ``wiki`` runs."""
 
 import sys
 

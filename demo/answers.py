@@ -8,8 +8,9 @@ import time
 from dataclasses import asdict
 
 from demo.errors import UserError
-from demo.search import Hit, Searcher, stems
-from demo.show import Style, cut, cut_left, duration, is_terminal, plural, width
+from demo.hashed_features import telling_stems
+from demo.search import Hit, Searcher
+from demo.show import cut, cut_left, duration, is_terminal, plural, styled, width
 
 EXCERPT_LINES = 2
 
@@ -19,19 +20,22 @@ def print_hits(hits: list[Hit], question: str, as_json: bool) -> None:
     if as_json:
         print(json.dumps([asdict(hit) for hit in hits], indent=2))
         return
-    style, columns, words = Style(sys.stdout), width(), stems(question)
+    columns, words = width(), set(telling_stems(question))
     if not hits:
         print("nothing found")
     for number, hit in enumerate(hits, 1):
-        scores = f"{hit.score:.4f} (cosine {hit.similarity:.2f})"
         rank = f"{number:>2}. "
-        place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank) - len(scores) - 2)
-        print(f"{rank}{style.path(place)}  {style.dim(scores)}")
+        place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank))
+        scores = f"  {hit.score:.4g} (cosine {hit.similarity:.2f})"
+        scores = scores if len(rank + place + scores) <= columns else ""
+        print(f"{rank}{styled('path', place)}{styled('dim', scores)}")
         names = [hit.title] if hit.title != hit.path else []
         names += [hit.heading] if hit.heading != hit.title else []
-        print("    " + style.bold(cut(": ".join(names), columns - 4)))
+        more = f"  (+{hit.more} more)" if hit.more else ""
+        heading = cut(": ".join(names), columns - 4 - len(more))
+        print(f"    {styled('bold', heading)}{styled('dim', more)}")
         for line in hit.excerpt(words, EXCERPT_LINES):
-            print(style.dim("    | ") + cut(line.strip(), columns - 6))
+            print(styled("dim", "    | ") + cut(line.strip(), columns - 6))
 
 
 def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
@@ -43,14 +47,17 @@ def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None
     taken = time.monotonic() - began
     print_hits(hits, question, as_json)
     if is_terminal(sys.stdout) and not as_json:
-        print(Style(sys.stdout).dim(f"{plural(len(hits), 'result')} in {duration(taken)}"))
+        print(styled("dim", f"{plural(len(hits), 'file')} in {duration(taken)}"))
 
 
 def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
     """Questions line by line until the input ends; the index stays loaded between them."""
     asked_by_person = is_terminal(sys.stdin) and is_terminal(sys.stdout)
     if asked_by_person:
-        _try_line_editing()
+        try:
+            import readline  # noqa: F401  (arrow keys and history, where the interpreter has them)
+        except ImportError:
+            pass
         print("The first question loads the index; an empty line ends.")
     while True:
         try:
@@ -65,11 +72,3 @@ def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
             answer(searcher, question, top_k, as_json)
         elif asked_by_person:
             return
-
-
-def _try_line_editing() -> None:
-    """Arrow keys and history at the prompt, where the interpreter has them."""
-    try:
-        import readline  # noqa: F401
-    except ImportError:
-        pass

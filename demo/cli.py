@@ -10,55 +10,32 @@ import sqlite3
 import sys
 from collections.abc import Sequence
 
+from demo import VERSION
 from demo.answers import answer, prompt
-from demo.build import Interrupted, Result, build, require_sources
-from demo.embedder import load_embedder
+from demo.build import Interrupted, Result, build
+from demo.embedder import chosen_embedder
 from demo.errors import UserError
-from demo.listing import path_in_tree, print_page, print_pages, print_status
-from demo.refresh import Refreshed, refresh
+from demo.export import export
+from demo.listing import print_branches, print_page, print_pages, print_status
 from demo.search import Searcher
 from demo.show import Progress, duration, plural
-from demo.wiki import built_wiki, folder, wiki_to_build
+from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
 
-PROGRAM = "python -m demo"
+PROGRAM = "wiki"
 
-_EXAMPLES = {
-    "": """examples:
-  {p} build ~/src/project
-  {p} search "how are transactions rolled back"
-  {p} status""",
-    "build": """Only files that changed since the last build are drafted and embedded again;
-pages of files that are gone are deleted. A build that was stopped continues
-where it was.
+_EXAMPLES = """examples:
+  wiki build ~/src/project
+  wiki search "how are transactions rolled back"
+  wiki export /tmp/pages"""
+_BUILD = """Only files that changed since the last build are drafted and embedded again; of
+those that only shifted the citations move. Pages of files that are gone are
+deleted. A build that was stopped continues where it was.
 
-examples:
-  {p} build .
-  {p} build ~/src/project --branch next
-  {p} build . --embedder my_embeddings:embed
-
-An embedder is a function that takes a list of texts and returns a list of
-equally long lists of numbers.""",
-    "search": """Without a question, reads questions line by line and keeps the index loaded.
-
-examples:
-  {p} search "where is the cache dropped"
-  {p} search "open a file" --top 3 --json
-  {p} search""",
-    "pages": """examples:
-  {p} pages
-  {p} pages src/main.py""",
-    "citing": """examples:
-  {p} citing src/main.py docs/design.md""",
-    "refresh": """A file only shifted when it still has the same sections at other lines, for
-instance after an import was added. Nothing is embedded. Files with other changes
-are named and left to 'build'.
-
-examples:
-  {p} refresh""",
-    "status": """examples:
-  {p} status
-  {p} status --json""",
-}
+An embedder is a function that takes a list of texts and returns a list of equally
+long lists of numbers. The wiki remembers it; naming another one embeds everything
+again ("hashed-features" is the built-in one)."""
+_LEFT_OUT_SHOWN = 8
+_ADVICE = "; if that stays, delete the database file and build again"
 
 
 class _Parser(argparse.ArgumentParser):
@@ -69,64 +46,42 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = _Parser(
-        prog=PROGRAM,
-        description="Builds and searches the wiki of a source tree, offline.",
-        epilog=_EXAMPLES[""].format(p=PROGRAM),
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-    )
-    commands = parser.add_subparsers(dest="command", metavar="COMMAND", required=True)
+    raw = argparse.RawDescriptionHelpFormatter
+    about = "Builds and searches the wiki of a source tree, offline."
+    parser = _Parser(prog=PROGRAM, description=about, epilog=_EXAMPLES, formatter_class=raw)
+    parser.add_argument("--version", action="version", version=f"{PROGRAM} {VERSION}")
+    commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    def command(name: str, purpose: str, reads: bool = True) -> argparse.ArgumentParser:
+    def command(name: str, purpose: str, *shared: str, more: str = "") -> argparse.ArgumentParser:
         sub = commands.add_parser(
-            name,
-            help=purpose,
-            description=purpose[0].upper() + purpose[1:] + ".",
-            epilog=_EXAMPLES[name].format(p=PROGRAM),
-            formatter_class=argparse.RawDescriptionHelpFormatter,
+            name, help=purpose, description=f"{purpose}.\n\n{more}", formatter_class=raw
         )
-        sub.add_argument(
-            "--db", metavar="FILE", help="the database (default: one in your cache for each tree)"
-        )
-        sub.add_argument(
-            "--branch", metavar="NAME", help="the branch (default: the one checked out, or main)"
-        )
-        if reads:
-            sub.add_argument(
-                "--repo", metavar="DIR", help="the tree (default: this folder or one above it)"
-            )
+        for option, metavar, about in (
+            ("--db", "FILE", "the database (default: one in your cache for each tree)"),
+            ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
+            ("--repo", "DIR", "the tree (default: this folder or one above it)"),
+            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: as the wiki was built)"),
+        ):
+            if option in ("--db", "--branch", *shared):
+                sub.add_argument(option, metavar=metavar, help=about)
+        if "--json" in shared:
+            sub.add_argument("--json", action="store_true", help="print JSON")
         return sub
 
-    def tree(sub: argparse.ArgumentParser) -> None:
-        sub.add_argument("tree", metavar="REPO", nargs="?", help="the same as --repo")
-
-    def embedder(sub: argparse.ArgumentParser) -> None:
-        sub.add_argument(
-            "--embedder", metavar="MODULE:FUNCTION", help="embeds texts (default: built in)"
-        )
-
-    def as_json(sub: argparse.ArgumentParser) -> None:
-        sub.add_argument("--json", action="store_true", help="print JSON")
-
-    sub = command("build", "build the wiki of a tree, or bring it up to date", reads=False)
+    build = "build the wiki of a tree, or bring it up to date"
+    sub = command("build", build, "--embedder", more=_BUILD)
     sub.add_argument("repo", metavar="REPO", nargs="?", default=".", help="default: this folder")
-    embedder(sub)
-    sub = command("search", "find the chunks that answer a question")
+    find = "find the files that answer a question"
+    sub = command("search", find, "--repo", "--embedder", "--json")
     sub.add_argument("question", metavar="QUESTION", nargs="*", help="none: ask at a prompt")
     sub.add_argument("--top", metavar="N", type=_count, default=5, help="results (default: 5)")
-    embedder(sub)
-    as_json(sub)
-    sub = command("pages", "list the pages, or show one with its sections")
+    sub = command("pages", "list the pages, or show one with its sections", "--repo", "--json")
     sub.add_argument("page", metavar="PAGE", nargs="?", help="the page to show")
-    as_json(sub)
-    sub = command("citing", "list the pages built from given files")
-    sub.add_argument("paths", metavar="PATH", nargs="+")
-    as_json(sub)
-    tree(command("refresh", "move citations of files whose lines only shifted"))
-    sub = command("status", "tell where the wiki stands; changes nothing")
-    tree(sub)
-    embedder(sub)
-    as_json(sub)
+    sub = command("export", "write the wiki as a folder of static HTML", "--repo")
+    sub.add_argument("folder", metavar="DIR", help="new, empty, or an export to replace")
+    sub = command("branches", "list the branches that have a wiki", "--repo", "--json")
+    sub.add_argument("--delete", metavar="NAME", help="delete the wiki of this branch instead")
+    command("status", "tell where the wiki stands; changes nothing", "--repo", "--json")
     return parser
 
 
@@ -138,19 +93,19 @@ def _count(text: str) -> int:
 
 def _run(options: argparse.Namespace) -> None:
     if options.command == "build":
-        embedder = load_embedder(options.embedder)
-        require_sources(folder(options.repo))
         with wiki_to_build(options.repo, options.db, options.branch) as wiki:
+            embedder = chosen_embedder(wiki, options.embedder)
             _print_result(build(wiki, embedder, Progress()))
             if options.db is None:
                 print(f"wiki: {wiki.database}")
         return
-    embedder = load_embedder(options.embedder) if "embedder" in options else None
-    repo = getattr(options, "tree", None) or options.repo
-    with built_wiki(repo, options.db, options.branch) as wiki:
+    doomed = getattr(options, "delete", None)
+    branch = doomed or options.branch
+    if branch is None and options.command == "branches":
+        branch = ANY_BRANCH
+    with built_wiki(options.repo, options.db, branch, bool(doomed)) as wiki:
         if options.command == "search":
-            assert embedder is not None
-            searcher = Searcher(wiki, embedder)
+            searcher = Searcher(wiki, chosen_embedder(wiki, options.embedder))
             if (note := searcher.note()) is not None:
                 print(f"{PROGRAM}: {note}", file=sys.stderr)
             if options.question:
@@ -160,62 +115,58 @@ def _run(options: argparse.Namespace) -> None:
         elif options.command == "pages" and options.page:
             print_page(wiki, options.page, options.json)
         elif options.command == "pages":
-            print_pages(wiki, wiki.repository.get_wiki_pages(wiki.branch), options.json)
-        elif options.command == "citing":
-            paths = [path_in_tree(wiki, path) for path in options.paths]
-            found = wiki.repository.wiki_pages_citing(wiki.branch, paths)
-            if not found and not options.json:
-                raise UserError(f"no page is built from {', '.join(paths)}")
-            print_pages(wiki, found, options.json)
-        elif options.command == "refresh":
-            if not wiki.root.is_dir():
-                raise UserError(f"the tree of this wiki, {wiki.root}, is gone")
-            _print_refreshed(refresh(wiki, Progress()))
+            print_pages(wiki, options.json)
+        elif options.command == "export":
+            count, first = export(wiki, options.folder, Progress())
+            print(f"{plural(count, 'page')}: open {first}")
+        elif doomed:
+            print(f"{plural(delete_branch(wiki, doomed), 'page')} of branch '{doomed}' deleted")
+        elif options.command == "branches":
+            print_branches(branches(wiki), options.json)
         else:
-            assert embedder is not None
-            print_status(wiki, embedder, Progress(), options.json)
+            print_status(wiki, options.json)
 
 
-def _print_result(result: Result) -> None:
-    plan = result.plan
-    done = [(len(plan.sources), "built"), (len(plan.reembed), "embedded again")]
+def _print_result(plan: Result) -> None:
+    done = [(plan.built, "built"), (plan.moved, "moved")]
     done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
-    chunks = f" ({plural(result.chunks, 'chunk')})" if result.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(result.seconds)}")
-
-
-def _print_refreshed(result: Refreshed) -> None:
-    print(
-        f"{plural(len(result.moved), 'page')} moved, {result.unchanged:,} unchanged,"
-        f" {len(result.left):,} left to 'build'"
-    )
-    for path in result.left[:10]:
-        print(f"  {path}")
-    if len(result.left) > 10:
-        print(f"  and {len(result.left) - 10:,} more")
+    chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(plan.seconds)}")
+    reasons = plan.left_out.most_common()
+    parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
+    if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
+        parts[_LEFT_OUT_SHOWN:] = [f"{rest:,} others"]
+    if parts:
+        print(f"left out: {', '.join(parts)}")
+    if plan.unreadable:
+        shown = ", ".join(plan.unreadable[:3]) + ", ..." * (len(plan.unreadable) > 3)
+        print(f"not readable, left as it was: {shown}")
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs one command. 0: done; 2: a user's error, one line on stderr; 130: interrupted."""
     logging.basicConfig(level=logging.ERROR)
+    if sys.stdout is None:
+        return _fail("the output is closed", 2)
     if isinstance(sys.stdout, io.TextIOWrapper):
         sys.stdout.reconfigure(errors="replace")  # a terminal without a character shows "?"
+    parser = _parser()
+    options = parser.parse_args(arguments)
     try:
-        options = _parser().parse_args(arguments)
-        _run(options)
+        _run(options) if options.command else parser.print_help()
         sys.stdout.flush()
     except UserError as error:
         return _fail(str(error), 2)
-    except (sqlite3.Error, OSError) as error:
-        if isinstance(error, BrokenPipeError):  # the reader has seen enough
-            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-            return 0
-        return _fail(" ".join(str(error).split()), 2)
-    except Interrupted as error:
-        return _fail(str(error), 130)
-    except KeyboardInterrupt:
-        return _fail("stopped", 130)
+    except OSError as error:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for what is still to flush
+        return 0 if isinstance(error, BrokenPipeError) else _fail(str(error), 2)
+    except sqlite3.Error as error:
+        return _fail(f"{error}{_ADVICE}", 2)
+    except (ValueError, TypeError, LookupError) as error:  # rows that this program did not write
+        return _fail(f"a row of the wiki is damaged, {type(error).__name__}: {error}{_ADVICE}", 2)
+    except (Interrupted, KeyboardInterrupt) as error:
+        return _fail(str(error) or "stopped", 130)
     return 0
 
 

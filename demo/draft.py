@@ -4,23 +4,34 @@ from __future__ import annotations
 
 import json
 import re
+from collections.abc import Iterable
 from dataclasses import dataclass
 from hashlib import blake2b
 from pathlib import PurePosixPath
 from typing import Any
 
-from demo.languages import LICENCE, MARKDOWN, PYTHON, RST
-from demo.sections import Outline, Section, outline, plain
+from demo.imports import named_files
+from demo.languages import LICENCE
+from demo.sections import Outline, Section, comment_paragraphs, outline, plain
 from demo.show import plural
 from demo.source_tree import Source
 
-FORMAT = 1  # raise it when drafting changes, so that the next build drafts every page anew
+FORMAT = 2  # raise it when drafting changes, so that the next build drafts every page anew
 
-_TEST = re.compile(r"(?:^|/)(?:tests?|testing|examples?|\w+_test)/|(?:^|/)test_|_test\.\w+$")
-_COMMENT_STARTS = ("#", "//", "/*", "*", "--", ";")
-_DIRECTIVE = re.compile(r"#\s*(?:include|pragma|define|if|else|endif|undef|error|import)")
+_LOW = re.compile(
+    r"(?:^|/)(?:tests?|testing|examples?|\w+_test|fixtures?)/|(?:^|/)test_|_test\.\w+$"
+    r"|(?:^|/)(?:licen[cs]e|copying|changelog|changes|news|history)[^/]*$",
+    re.IGNORECASE,
+)
 _ENTRY = frozenset("__main__ main cli app index mod lib".split())
-_MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*")
+_MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*|-->")
+# No description: a date, a version, a name of somebody, an instruction to some program.
+_NO_WORDS = re.compile(
+    r"(?:@\w+\s|(?:last )?(?:updated?|modified|created|date|author|version|file|by)\b.{0,60}$|\$\w+"
+    r"|.*\{$|use strict|eslint|jshint|vim?:|go:build|\+build|module dependencies|import\b"
+    r"|(?:\W|\d|(?:jan|feb|mar|apr|may|jun|jul|aug|sep|oct|nov|dec)[a-z]*\b|th\b|st\b)*$)",
+    re.IGNORECASE,
+)
 
 
 @dataclass(frozen=True, slots=True)
@@ -39,43 +50,38 @@ class BuildCache:
     digest: str
     head: str
     sections: list[tuple[int, int, str]]  # start, end, digest of heading and text
+    names: list[str]  # of the files that the source imports, as ``named_files`` gives them
 
     def dump(self) -> str:
         """The text kept in the page's ``build_cache``."""
-        return json.dumps(
-            {"format": FORMAT, "digest": self.digest, "head": self.head, "sections": self.sections}
-        )
+        return json.dumps([FORMAT, self.digest, self.head, self.sections, self.names])
 
     @staticmethod
     def parse(stored: str | None) -> BuildCache | None:
         """The kept text read back; None when there is none or it is of another format."""
         try:
-            kept = json.loads(stored or "null")
-            if kept["format"] != FORMAT:
-                return None
-            sections = [(int(start), int(end), str(text)) for start, end, text in kept["sections"]]
-            return BuildCache(kept["digest"], kept["head"], sections)
-        except (ValueError, TypeError, KeyError):
+            kept, digest, head, sections, names = json.loads(stored or "null")
+            ranges = [(int(start), int(end), str(text)) for start, end, text in sections]
+            return BuildCache(digest, head, ranges, list(names)) if kept == FORMAT else None
+        except (ValueError, TypeError):
             return None
 
 
 def draft_page(source: Source) -> Draft:
     """The page of one file; the same bytes always give the same draft."""
     cut = outline(source.language, source.text())
-    document = source.language in (MARKDOWN, RST)
-    title = _document_title(source.path, cut) if document else source.path
+    document = source.language.kind == "document"
+    headings = (one.heading for one in cut.sections if not one.heading.startswith("overview"))
+    title = next(headings, source.path).split(", ")[0] if document else source.path
     description = _description(source, cut)
     folder = str(PurePosixPath(source.path).parent)
     chunks = [_chunk(source.path, cut, section) for section in cut.sections]
-    cache = BuildCache(
-        source.digest,
-        _digest(title, description, *cut.symbols),
-        [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections],
-    )
+    texts = [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections]
+    head, names = _digest(title, description, *cut.symbols), named_files(source.path, cut.lines)
     fields = {
         "title": title,
         "description": description,
-        "importance": _importance(source.path, cut),
+        "importance": _importance(source, cut),
         "level": "document" if document else "module",
         "parent_section": None if folder == "." else folder,
         "rel_path": source.path,
@@ -83,10 +89,10 @@ def draft_page(source: Source) -> Draft:
         "source_hashes": {source.path: source.digest},
         "symbols": cut.symbols[:200],
         "citations": [_citation(source.path, section) for section in cut.sections],
-        "content_hash": content_hash(chunk["content"] for chunk in chunks),
+        "content_hash": _digest(*(chunk["content"] for chunk in chunks)),
         "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
-        "build_cache": cache.dump(),
-        "page_type": "document" if document else "source",
+        "build_cache": BuildCache(source.digest, head, texts, names).dump(),
+        "page_type": source.language.kind,
     }
     return Draft(source.path, fields, chunks)
 
@@ -94,11 +100,6 @@ def draft_page(source: Source) -> Draft:
 def embedding_text(title: str, heading: str, content: str) -> str:
     """What an embedder is given of a chunk: title, heading and source, without the line numbers."""
     return f"{title}\n{heading}\n{content.partition('\n')[2]}"
-
-
-def content_hash(contents: Any) -> str:
-    """Hash over the texts of a page's chunks, in order."""
-    return _digest(*contents)
 
 
 def _digest(*texts: str) -> str:
@@ -121,64 +122,52 @@ def _chunk(path: str, cut: Outline, section: Section) -> dict[str, Any]:
     }
 
 
-def _document_title(path: str, cut: Outline) -> str:
-    headings = (section.heading for section in cut.sections)
-    return next((one for one in headings if not one.startswith("overview")), path).split(", ")[0]
-
-
 def _description(source: Source, cut: Outline) -> str:
     """The file's own first words about itself, at most 200 characters."""
-    if source.language is PYTHON:
-        words = cut.docstring.partition("\n\n")[0]
-    elif source.language in (MARKDOWN, RST):
-        words = _first_paragraph(cut.lines)
+    if source.language.kind == "document":
+        paragraphs = _paragraphs(cut.lines)
     else:
-        words = _leading_comment(cut.lines)
-    words = " ".join(words.split())
+        paragraphs = _comments(cut.lines, source.language.name == "Python")
+        if source.language.name == "Python" and cut.docstring:
+            paragraphs = re.sub(r"\n(\W)\1+ *\n", "\n", cut.docstring).split("\n\n")
+    each = (" ".join(paragraph.split()) for paragraph in paragraphs)
+    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), "")
     if not words:
         names = ", ".join(cut.symbols[:5])
         words = f"Defines {names}." if names else f"{source.language.name} source."
-    return words if len(words) <= 200 else words[:197].rsplit(" ", 1)[0] + "..."
+    words = words.replace("`", "")
+    return words if len(words) <= 200 else words[:199].rsplit(" ", 1)[0].rstrip(".,;:") + "…"
 
 
-def _first_paragraph(lines: list[str]) -> str:
-    paragraph: list[str] = []
-    for line in lines[:200]:
-        stripped = line.strip()
-        if paragraph and not stripped:
-            break
-        if stripped and (stripped[0].isalnum() or (paragraph and stripped[0] not in "#=<")):
-            paragraph.append(stripped)
-        elif paragraph:
-            paragraph.clear()  # an underlined heading, not a paragraph
-    return plain(" ".join(paragraph))
+def _paragraphs(lines: list[str]) -> Iterable[str]:
+    """The paragraphs near the top of a document; no front matter, headings or lists."""
+    ends = ("---",) if lines[0].strip() == "---" else ("<body",)
+    start = next((n for n, line in enumerate(lines[1:99], 2) if line.startswith(ends)), 0)
+    for block in re.split(r"\n\s*\n", "\n".join(lines[start : start + 200])):
+        block = re.sub(r"(?s)^.*\n(\W)\1{2,}[ \t]*(?:\n|$)", "", block)  # an underlined heading
+        kept = (line for line in block.split("\n") if not re.match(r"\s*(?:[#=*|:]|<h\d)", line))
+        words = plain(" ".join(kept))
+        if words[:1].isalnum():
+            yield words
 
 
-def _leading_comment(lines: list[str]) -> str:
-    """The first paragraph of comment near the top of a file; nothing about its licence."""
-    paragraph: list[str] = []
-    licence = False  # the rest of a comment that speaks of it is skipped
-    for line in lines[:80]:
-        stripped = line.strip()
-        comment = stripped.startswith(_COMMENT_STARTS) and not _DIRECTIVE.match(stripped)
-        words = _MODE_LINE.sub("", stripped).strip("#/*-=;! \t") if comment else ""
-        if words:
-            paragraph.append(words)
-            licence = licence or bool(LICENCE.search(words))
-        elif paragraph and not licence:
-            break
-        else:
-            paragraph.clear()
-            licence = licence and comment
-    return "" if licence else " ".join(paragraph)
+def _comments(lines: list[str], leading: bool) -> Iterable[str]:
+    """The paragraphs of the comments near the top; nothing about a licence."""
+    for paragraph in comment_paragraphs(lines[:120], leading):
+        if re.match(r"\s{2}|\t", lines[paragraph[0] - 1]):
+            continue  # within a function
+        each = (_MODE_LINE.sub("", lines[number - 1].strip()) for number in paragraph)
+        words = re.split(r"\s@\w", " ".join(line.strip("#/*-=;!< \t") for line in each))[0]
+        if not LICENCE.search(words):
+            yield words
 
 
-def _importance(path: str, cut: Outline) -> str:
-    """Entry points and large modules first; tests, examples and tiny files last."""
-    name = PurePosixPath(path).name.lower()
-    stem = name.partition(".")[0]
-    depth = path.count("/")
-    if _TEST.search(path) or (len(cut.lines) < 15 and stem != "readme"):
+def _importance(source: Source, cut: Outline) -> str:
+    """Entry points and large modules first; tests, examples, data and tiny files last."""
+    stem = PurePosixPath(source.path).name.lower().partition(".")[0]
+    depth = source.path.count("/")
+    tiny = len(cut.lines) < 15 and stem != "readme"
+    if tiny or _LOW.search(source.path) or source.language.kind == "data":
         return "low"
     if (stem == "readme" and depth == 0) or (stem in _ENTRY and depth < 2) or len(cut.symbols) > 60:
         return "high"

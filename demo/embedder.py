@@ -1,4 +1,4 @@
-"""Embedders: the built-in one, or a function of the user's, checked at every call."""
+"""Embedders: the built-in one, or a function of the user's."""
 
 from __future__ import annotations
 
@@ -6,11 +6,12 @@ import importlib
 import math
 import sys
 from array import array
-from collections.abc import Callable, Sequence
+from collections.abc import Callable
 from typing import Any
 
 from demo import hashed_features
 from demo.errors import UserError
+from demo.wiki import Wiki
 
 
 class Embedder:
@@ -23,6 +24,7 @@ class Embedder:
     def __init__(self, name: str, function: Callable[[list[str]], Any]) -> None:
         """Tries the function on one word; UserError when that does not give a vector."""
         self.name = name
+        self.compares_words = function is hashed_features.embed
         self._function = function
         self.dimension = 0
         self.dimension = len(self.embed(["probe"])[0])
@@ -31,60 +33,60 @@ class Embedder:
     def embed(self, texts: list[str]) -> list[list[float]]:
         """One vector for each text, as 32-bit values. UserError on any other result."""
         try:
-            result = self._function(texts)
+            vectors = [array("f", vector) for vector in self._function(texts)]
         except (Exception, SystemExit) as error:
-            raise self._wrong(f"failed: {type(error).__name__}: {_one_line(error)}") from error
-        if isinstance(result, str | bytes) or not _is_sequence(result):
-            raise self._wrong(f"returned {type(result).__name__}, not a list of vectors")
-        if len(result) != len(texts):
-            raise self._wrong(f"returned {len(result)} vectors for {len(texts)} texts")
-        return [self._vector(one) for one in result]
-
-    def _vector(self, one: Any) -> list[float]:
-        if isinstance(one, str | bytes) or not _is_sequence(one):
-            raise self._wrong(f"returned {type(one).__name__} in place of a vector")
-        try:
-            values = array("f", list(one))
-        except (TypeError, ValueError, OverflowError) as error:
-            raise self._wrong("returned a vector of something other than numbers") from error
-        if not values:
-            raise self._wrong("returned an empty vector")
-        if not math.isfinite(sum(values)):
-            raise self._wrong("returned a vector with a number that is not finite")
-        if self.dimension and len(values) != self.dimension:
-            raise self._wrong(
-                f"returned vectors of different lengths: {self.dimension} and {len(values)}"
-            )
-        return values.tolist()
-
-    def _wrong(self, what: str) -> UserError:
-        return UserError(f"embedder '{self.name}' {what}")
+            raise UserError(f"embedder '{self.name}' failed: {_told(error)}") from error
+        lengths = {len(vector) for vector in vectors} | ({self.dimension} - {0})
+        found = f"{len(vectors)} vectors of lengths {sorted(lengths)} for {len(texts)} texts"
+        if not all(math.isfinite(sum(vector)) for vector in vectors):
+            found = "a number that is not finite"
+        elif len(vectors) == len(texts) and len(lengths) == 1 and 0 not in lengths:
+            return [vector.tolist() for vector in vectors]
+        raise UserError(f"embedder '{self.name}' returned {found}")
 
 
-def load_embedder(spec: str | None) -> Embedder:
-    """The built-in embedder, or the one that ``module:function`` names."""
-    if spec is None:
-        return Embedder(hashed_features.NAME, hashed_features.embed)
+def load_embedder(spec: str) -> Embedder:
+    """The built-in embedder by its name, or the one that ``module:function`` names."""
+    if spec == hashed_features.NAME:
+        return Embedder(spec, hashed_features.embed)
     module_name, colon, function_name = spec.partition(":")
     if not (module_name and colon and function_name):
         raise UserError(f"embedder '{spec}' is not of the form module:function")
-    if "" not in sys.path:
-        sys.path.append("")  # an embedder of the user's own may lie in the current folder
+    sys.path.append("")  # an embedder of the user's own may lie in the current folder
     try:
         function: Any = importlib.import_module(module_name)
         for part in function_name.split("."):
             function = getattr(function, part)
     except (Exception, SystemExit) as error:
-        reason = f"{type(error).__name__}: {_one_line(error)}"
-        raise UserError(f"embedder '{spec}' cannot be imported: {reason}") from error
-    if not callable(function):
-        raise UserError(f"embedder '{spec}' is {type(function).__name__}, not a function")
+        raise UserError(f"embedder '{spec}' cannot be imported: {_told(error)}") from error
     return Embedder(spec, function)
 
 
-def _is_sequence(value: Any) -> bool:
-    return isinstance(value, Sequence) or (hasattr(value, "__len__") and hasattr(value, "__iter__"))
+def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
+    """The named embedder; without a name the one that the wiki was built with.
+
+    UserError when that one is not to be had as it was: nothing is embedded again unasked.
+    """
+    model = wiki.state().get("model")
+    pages = [] if spec else wiki.repository.get_wiki_pages(wiki.branch)
+    if spec or not (model or pages):
+        return load_embedder(spec or hashed_features.NAME)
+    if model is None:
+        names = sorted({page["model"].rpartition("/")[0] for page in pages})
+        choice = " or ".join(f"--embedder {name}" for name in names)
+        how = "a build is running" if wiki.is_being_built else "a build was stopped"
+        half = f"the embeddings of branch '{wiki.branch}' are half replaced, {how}"
+        raise UserError(f"{half}: finish it with 'build' and {choice}")
+    again = f"--embedder {hashed_features.NAME} with 'build' embeds everything again, by words"
+    try:
+        embedder = load_embedder(model.rpartition("/")[0])
+    except UserError as error:
+        raise UserError(f"{error}; the wiki was built with it: {again}") from error
+    if embedder.model != model:
+        changed = f"embedder '{embedder.name}' gives {embedder.dimension} numbers now, not as once"
+        raise UserError(f"{changed} '{model}': name it with --embedder to embed everything again")
+    return embedder
 
 
-def _one_line(error: BaseException) -> str:
-    return " ".join(str(error).split()) or "no message"
+def _told(error: BaseException) -> str:
+    return f"{type(error).__name__}: {' '.join(str(error).split()) or 'no message'}"

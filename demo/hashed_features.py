@@ -25,6 +25,8 @@ _RUN_WEIGHT = 0.35
 _COMMON_WEIGHT = 0.15
 _HEAD_WEIGHT = 2  # words of the first two lines (title and heading of a chunk) count double
 
+_ENDINGS = "ies ied ingly ings ing edly ed ions ion ors or ers er es s ly".split()
+
 STOP_WORDS = frozenset(
     """a about all an and any are as at be been but by can could did do does for from get had has
     have how i if in into is it its may me my no not of on or our should so some than that the
@@ -52,11 +54,15 @@ def word_parts(word: str) -> tuple[str, ...]:
 
 @lru_cache(maxsize=1 << 16)
 def stem(word: str) -> str:
-    """The word without its English ending, so that "rolled", "rolls" and "rolling" agree."""
-    for ending in ("ations", "ation", "ings", "ing", "ies", "ed", "es", "s"):
+    """The word without its English endings, so that "rolled", "rolls" and "rolling" agree."""
+    for ending in _ENDINGS:
         if word.endswith(ending) and len(word) - len(ending) >= 3 and not word.endswith("ss"):
-            return word[: -len(ending)] + ("y" if ending == "ies" else "")
-    return word
+            word = word[: -len(ending)] + ("y" if ending in ("ies", "ied") else "")
+            if word[-1] == word[-2] and word[-1] in "bdgmnprt":
+                word = word[:-1]
+            break
+    word = word[:-1] if word.endswith("e") and len(word) > 3 else word
+    return word[:-2] if word.endswith("at") and len(word) > 5 else word
 
 
 @lru_cache(maxsize=1 << 16)
@@ -98,13 +104,26 @@ def embed(texts: list[str]) -> list[list[float]]:
     return [embed_one(text) for text in texts]
 
 
+def stems(text: str) -> list[str]:
+    """The stem of every word of a text, in order; identifiers are split."""
+    return [stem(part) for word in _WORD.findall(text) for part in word_parts(word)]
+
+
 def search_terms(question: str) -> list[str]:
-    """The words of a question for the word index: no stop words, with stems and joined pairs.
+    """The words of a question for the word index: no stop words, with stems and joined pairs."""
+    return list(dict.fromkeys([*_telling(question), *telling_stems(question)]))
+
+
+def telling_stems(question: str) -> list[str]:
+    """The stems of a question's words without the stop words, each once.
 
     Two words that follow each other are also given as one ("rolled back" as "rollback"), the way
     identifiers write them. Only stop words: all of them, so that they still find something.
     """
+    kept = [stem(word) for word in _telling(question)]
+    return list(dict.fromkeys(kept + [first + second for first, second in zip(kept, kept[1:])]))
+
+
+def _telling(question: str) -> list[str]:
     words = [part for word in _WORD.findall(question) for part in word_parts(word)]
-    kept = [word for word in words if word not in STOP_WORDS] or words
-    pairs = [stem(first) + stem(second) for first, second in zip(kept, kept[1:])]
-    return list(dict.fromkeys([*kept, *(stem(word) for word in kept), *pairs]))
+    return [word for word in words if word not in STOP_WORDS] or words

@@ -1,4 +1,4 @@
-"""Which files are source, and by what lines a definition in each language is recognised."""
+"""Which files are worth a page, and by what lines a definition or heading in them is recognised."""
 
 from __future__ import annotations
 
@@ -6,122 +6,129 @@ import re
 from dataclasses import dataclass
 from pathlib import PurePosixPath
 
+MAX_BYTES = 1 << 20
+_COMMENTED = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
+
 
 @dataclass(frozen=True, slots=True)
 class Language:
-    """A kind of file.
+    """A kind of file: "source", "document" or "data", and how many bytes may be worth a page.
 
-    ``definition`` matches where one begins, given that line and the next; its one group that
-    matched is the name. ``above`` matches lines that belong to a definition below them.
+    ``begins`` matches where a definition begins, given that line and the next; its one group that
+    matched is the name. Of a document it matches a line that is a heading; others stand above a
+    row of ``underlines``. ``above`` matches lines that belong to a definition below them.
     """
 
     name: str
-    definition: re.Pattern[str] | None = None
-    above: re.Pattern[str] = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
+    kind: str
+    limit: int
+    begins: re.Pattern[str]
+    above: re.Pattern[str]
+    underlines: str
 
 
 LICENCE = re.compile(
-    r"copyright|licen[cs]e|warranty|SPDX|all rights reserved|\bGPL\b", re.IGNORECASE
+    r"copyright|licen[cs]e|warrant(?:y|ies)|SPDX|all rights reserved|\bGPL\b|redistribut"
+    r"|permission (?:is|to)|without fee|merchantability|\bliab(?:le|ility)\b",
+    re.IGNORECASE,
 )
 
-_MODIFIERS = (
-    r"(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|data|"
-    r"partial|virtual|async|default|export|inline|unsafe|extern|readonly)\s+)*"
-)
-_C = re.compile(
+_C = (
     r"[ ]{0,4}(?:template\s*<.*>\s*)?(?:typedef\s+)?"
     r"(?:class|struct|union|enum(?:[ ]+class)?|concept)[ ]+(?:\w+[ ]+)*?(?P<name>\w+)[^;()\n]*$"
     r"|#[ ]*define[ ]+(?P<macro>\w+)\(.*\\$"
     r"|(?!\s*(?:return|else|if|for|while|switch|namespace|using|case|goto|do|catch)\b|extern \")"
     r"(?:(?:[A-Za-z_][\w:<>,*& \[\]]*?[ *&>])?(?P<function>~?[A-Za-z_][\w:~]*)[ ]*\([^;\n]*$"
-    r"|[ ]{1,4}(?P<member>~?[A-Za-z_][\w:~]*)[ ]*\([^;\n]*\)[^;\n]*\n\s*[{:])",
-    re.MULTILINE,
+    r"|[ ]{1,4}(?P<member>~?[A-Za-z_][\w:~]*)[ ]*\([^;\n]*\)[^;\n]*\n\s*[{:])"
 )
 _ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!.*[;{}]$)")
-_SCRIPT = re.compile(
-    r"^(?:export\s+)?(?:default\s+)?(?:declare\s+)?(?:abstract\s+)?(?:async\s+)?"
+# A word that says what follows, as most languages have it; or a method by its result and braces.
+_WORDS = (
+    r"[ \t]{0,8}(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|"
+    r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local)\s+)*"
+    r"(?:(?:class|interface|enum|record|@interface|object|trait|struct|protocol|extension|fun|func|"
+    r"function|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
+    r"(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
+)
+_JAVA = _WORDS + (
+    r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|"
+    r"assert|await|yield|using|lock|package|import|goto|echo)\b)[\w@<][\w<>\[\],.?&@ ]*[\s>\]]"
+    r"(?P<method>\w+)\s*\([^=\n]*$"
+)
+_SCRIPT = (
+    r"(?:export\s+)?(?:default\s+)?(?:declare\s+)?(?:abstract\s+)?(?:async\s+)?"
     r"(?:function\*?|class|interface|enum|namespace|type|const|let|var)\s+(?P<name>[\w$]+)"
+    r"(?!.*\brequire\()"
+    r"|[ \t]{0,4}(?P<value>[\w$.]+)\s*[=:]\s*(?:async\s*)?(?:function\b|(?:\([^()]*\)|\w+)\s*=>)"
+    r"|(?:[ ]{2,4}|\t)(?:(?:static|async|get|set|public|private|protected|override)\s+)*[*#]?"
+    r"(?!(?:if|for|while|switch|catch|function|return|with)\b)(?P<method>[\w$]+)"
+    r"\s*(?:<[^>]*>)?\([^;]*\)\s*(?::\s*[^;={]+)?\{\s*$"
 )
-_JAVA = re.compile(
-    rf"^\s{{0,4}}{_MODIFIERS}(?:class|interface|enum|record|@interface|object|trait|struct|"
-    r"protocol|extension|fun|func|function|def)\s+(?P<name>\w[\w.<>]*)"
-    r"|^\s{4}(?:public|private|protected|internal)\s[^=;\n]*?\b(?P<method>\w+)\s*\([^;\n]*$"
-)
-_GO = re.compile(r"^(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)")
-_RUST = re.compile(
-    r"^(?:pub(?:\([^)]*\))?\s+)?(?:(?:default|async|unsafe|const|extern(?:\s+\"\w+\")?)\s+)*"
+_RUST = (
+    r"(?:pub(?:\([^)]*\))?\s+)?(?:(?:default|async|unsafe|const|extern(?:\s+\"\w+\")?)\s+)*"
     r"(?:fn|struct|enum|union|trait|mod|type|static|macro_rules!|impl(?:<[^{]*?>)?)\s+"
     r"(?P<name>[\w:<>' ]*\w)"
+    r"|[ ]{4}(?:pub(?:\([^)]*\))?\s+)?(?:(?:async|unsafe|const)\s+)*fn\s+(?P<method>\w+)"
 )
-_RUBY = re.compile(r"^\s{0,4}(?:def|class|module)\s+(?P<name>[\w.:?!=]+)")
-_SHELL = re.compile(r"^(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|^function\s+(?P<other>[\w:-]+)")
-_MAKE = re.compile(
-    r"^(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|^define\s+(?P<text>\S+)"
-)
-_CMAKE = re.compile(r"^(?:function|macro)\s*\(\s*(?P<name>\w+)", re.IGNORECASE)
-_PERL = re.compile(r"^\s*(?:sub|package)\s+(?P<name>[\w:]+)")
-_LUA = re.compile(r"^(?:local\s+)?function\s+(?P<name>[\w.:]+)")
-_SQL = re.compile(
-    r"^create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|procedure)\s+"
-    r"(?:if\s+not\s+exists\s+)?(?P<name>[\w.\"`]+)",
-    re.IGNORECASE,
-)
-_CYTHON = re.compile(r"^(?:def|cdef|cpdef|class|async def)\s+(?:[\w*]+\s+)*?(?P<name>\w+)\s*[(:]")
-
-PYTHON = Language("Python")
-MARKDOWN = Language("Markdown")
-RST = Language("reStructuredText")
-_CPP = Language("C++", _C, _ABOVE_C)
-_SH = Language("shell", _SHELL)
-_MAKEFILE = Language("make", _MAKE)
-_CMAKE_FILE = Language("CMake", _CMAKE)
+_UNDERLINES = "=-~^\"'*+#`.:"
+_FAMILIES = (  # kind, what begins a definition or is a heading, names with their suffixes
+    ("source", "(?!)", "Python: py pyi pyw; Dockerfile: dockerfile"),
+    ("source", _C, "C: c; C or C++ header: h; C++: cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu;"
+     " Objective-C: m mm; grammar: y l yy ll"),
+    ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
+    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs;"
+     " Perl: pl pm; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; other: dart gradle jl"),
+    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx; TypeScript: ts mts cts tsx"),
+    ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
+    ("source", _RUST, "Rust: rs"),
+    ("source", r"(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)", "Go: go"),
+    ("source", r"(?:data|newtype|class|instance|type)\s+(?P<name>[^={]*\w)|(?P<value>\w+)\s*::",
+     "Haskell: hs"),
+    ("source", r"[ ]{0,4}(?:pub\s+)?(?:fn|const|test)\s+(?P<name>[\w\"]+)", "Zig: zig"),
+    ("source", r"\s*fu\w*!?\s+(?P<name>[\w:#.]+)", "Vim script: vim"),
+    ("source", r"(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|function\s+(?P<other>[\w:-]+)",
+     "shell: sh bash zsh"),
+    ("source", r"(?i:create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|"
+     r"procedure)\s+(?:if\s+not\s+exists\s+)?(?P<name>[\w.\"`]+))", "SQL: sql"),
+    ("source", r"(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|define\s+(?P<text>\S+)",
+     "make: mk"),
+    ("source", r"(?i:function|macro)\s*\(\s*(?P<name>\w+)", "CMake: cmake"),
+    ("document", r"#{1,6}\s+(.*?)\s*#*\s*$", "Markdown: md markdown mdx"),
+    ("document", "(?!)", "reStructuredText: rst; text: txt"),
+    ("document", r"(?i:.*?<h[1-6][^>]*>(.*?)(?:</h[1-6]>|$))", "HTML: html htm xhtml"),
+    ("document", r"={1,6}\s+(.*)", "AsciiDoc: adoc asciidoc"),
+    ("document", r"\*+\s+(.*)", "Org: org"),
+    ("data", r"(?P<name>[^\s{}/*][^{}/]*?)\s*\{", "CSS: css"),
+    ("data", r"(?: {2}| {4}|\t)\"(?P<name>[^\"]+)\":", "JSON: json"),
+    ("data", r"\[+(?P<name>[^\]]+)\]", "TOML: toml"),
+    ("data", r"(?P<name>[\w.-]+):", "YAML: yaml yml"),
+)  # fmt: skip
+_LIMITS = {"source": MAX_BYTES, "document": 1 << 18, "data": 1 << 16}
 
 _BY_SUFFIX: dict[str, Language] = {}
-for _suffixes, _language in (
-    ("py pyi pyw", PYTHON),
-    ("md markdown mdx", MARKDOWN),
-    ("rst", RST),
-    ("c", Language("C", _C, _ABOVE_C)),
-    ("h", Language("C or C++ header", _C, _ABOVE_C)),
-    ("cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu cuh", _CPP),
-    ("m mm", Language("Objective-C", _C, _ABOVE_C)),
-    ("js mjs cjs jsx", Language("JavaScript", _SCRIPT)),
-    ("ts mts cts tsx", Language("TypeScript", _SCRIPT)),
-    ("go", Language("Go", _GO)),
-    ("rs", Language("Rust", _RUST)),
-    ("java", Language("Java", _JAVA)),
-    ("kt kts", Language("Kotlin", _JAVA)),
-    ("cs", Language("C#", _JAVA)),
-    ("scala", Language("Scala", _JAVA)),
-    ("swift", Language("Swift", _JAVA)),
-    ("php", Language("PHP", _JAVA)),
-    ("rb", Language("Ruby", _RUBY)),
-    ("sh bash zsh", _SH),
-    ("pl pm", Language("Perl", _PERL)),
-    ("lua", Language("Lua", _LUA)),
-    ("sql", Language("SQL", _SQL)),
-    ("pyx pxd", Language("Cython", _CYTHON)),
-    ("mk", _MAKEFILE),
-    ("cmake", _CMAKE_FILE),
-):
-    for _suffix in _suffixes.split():
-        _BY_SUFFIX["." + _suffix] = _language
+for _kind, _pattern, _row in _FAMILIES:
+    for _name, _suffixes in (entry.split(":") for entry in _row.split(";")):
+        _begins = re.compile(_pattern, re.MULTILINE)
+        _above = _ABOVE_C if _pattern is _C else _COMMENTED
+        _lines = {"rst": _UNDERLINES, "txt": _UNDERLINES, "md markdown mdx": "=-"}
+        _under = _lines.get(_suffixes.strip(), "")
+        _one = Language(_name.strip(), _kind, _LIMITS[_kind], _begins, _above, _under)
+        _BY_SUFFIX |= {"." + suffix: _one for suffix in _suffixes.split()}
 _BY_NAME = {
-    "makefile": _MAKEFILE,
-    "gnumakefile": _MAKEFILE,
-    "cmakelists.txt": _CMAKE_FILE,
-    "dockerfile": Language("Dockerfile"),
-    "readme": MARKDOWN,
-    "readme.txt": MARKDOWN,
-}
-_BY_FIRST_LINE = (
-    (re.compile(rb"-\*- *(?:mode: *)?C\+\+ *-\*-"), _CPP),
-    (re.compile(rb"^#!.*\bpython"), PYTHON),
-    (re.compile(rb"^#!.*\b(?:ba|da|k|z)?sh\b"), _SH),
-    (re.compile(rb"^#!.*\bperl\b"), Language("Perl", _PERL)),
-    (re.compile(rb"^#!.*\bruby\b"), Language("Ruby", _RUBY)),
-    (re.compile(rb"^#!.*\bnode\b"), Language("JavaScript", _SCRIPT)),
-)
+    name: _BY_SUFFIX[suffix]
+    for name, suffix in (
+        ("makefile", ".mk"), ("gnumakefile", ".mk"), ("cmakelists.txt", ".cmake"),
+        ("dockerfile", ".dockerfile"), ("readme", ".md"), ("readme.txt", ".md"),
+    )
+}  # fmt: skip
+_BY_FIRST_LINE = {
+    re.compile(pattern): _BY_SUFFIX[suffix]
+    for pattern, suffix in (
+        (rb"-\*- *(?:mode: *)?C\+\+ *-\*-", ".cpp"), (rb"^#!.*\bpython", ".py"),
+        (rb"^#!.*\b(?:ba|da|k|z)?sh\b", ".sh"), (rb"^#!.*\bperl\b", ".pl"),
+        (rb"^#!.*\bruby\b", ".rb"), (rb"^#!.*\bnode\b", ".js"),
+    )
+}  # fmt: skip
 
 
 def may_be_source(path: str) -> bool:
@@ -135,10 +142,6 @@ def language_of(path: str, data: bytes) -> Language | None:
     """The language by name, else by the first line of the file; None when it is neither."""
     name = PurePosixPath(path)
     named = _BY_NAME.get(name.name.lower()) or _BY_SUFFIX.get(name.suffix.lower())
-    if named is not None:
-        return named
     first_line = data[:200].split(b"\n", 1)[0]
-    for pattern, language in _BY_FIRST_LINE:
-        if pattern.search(first_line):
-            return language
-    return None
+    told = (language for line, language in _BY_FIRST_LINE.items() if line.search(first_line))
+    return named or next(told, None)

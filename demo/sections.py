@@ -7,19 +7,30 @@ small neighbours are merged, long sections are split at blank lines.
 from __future__ import annotations
 
 import re
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 
-from demo.languages import LICENCE, MARKDOWN, PYTHON, RST, Language
+from demo.languages import LICENCE, Language
 from demo.python_marks import python_marks
 
 MERGE_LINES = 30  # neighbours are merged while they fit into this
 TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
 SPLIT_LINES = 100  # a section longer than this is split
 BLOCK_LINES = 60  # into parts of about this
+LONG_NOTICE = 25  # lines; no licence speaks that long without a pause
 MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be slow on it
 
 _HEADING = "heading"  # the group of the sections of a document
 _BETWEEN = "between"  # the group of what is no import, comment or definition
+_MARKUP = re.compile(r":[\w:-]+:(?=`)|!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
+_COMMENT = re.compile(
+    r"\s*(?:#(?!\s*(?:include|pragma|define|if|ifn?def|el\w+|endif|undef|error|line|import)\b)|//"
+    r"|/\*|\*(?![\w(])|--|;|<!--)"
+)
+_IMPORT = re.compile(
+    r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
+    r"|include|source|module|'use strict'|\"use strict\")\b"
+)
 
 
 @dataclass(frozen=True, slots=True)
@@ -43,6 +54,7 @@ class Section:
     start: int
     end: int
     group: str = field(default="", compare=False)
+    part: int = field(default=0, compare=False)  # of the file, by what is left out between
 
 
 @dataclass(frozen=True, slots=True)
@@ -62,97 +74,120 @@ class Outline:
 def outline(language: Language, text: str) -> Outline:
     """Cuts a file; one that does not parse, or has nothing to cut at, is cut into line blocks."""
     lines = text.split("\n")
-    marks: list[Mark] = []
     docstring = ""
-    if language is PYTHON:
-        found = python_marks(text, lines, SPLIT_LINES)
-        if found is not None:
-            marks, docstring = [Mark(*mark) for mark in found[0]], found[1]
-    elif language is MARKDOWN or language is RST:
-        marks = _heading_marks(lines, language is RST)
-    elif language.definition is not None:
-        marks = _definition_marks(lines, language)
+    if language.name == "Python":
+        found, docstring = python_marks(text, lines, SPLIT_LINES)
+        marks = [Mark(*mark) for mark in found]
+    else:
+        cut = _heading_marks if language.kind == "document" else _definition_marks
+        marks = cut(lines, language)
     symbols = [mark.heading for mark in marks if mark.symbol and mark.heading]
     sections = _ranges(marks, lines) or _ranges([Mark(1, "overview")], lines)
     parts = [part for one in _merged(sections) for part in _split(one, lines)]
     return Outline(parts, list(dict.fromkeys(symbols)), lines, docstring)
 
 
-def _heading_marks(lines: list[str], underlined: bool) -> list[Mark]:
-    """Marks at headings: ``#`` and underlined ones; nothing inside a fenced block counts."""
-    any_mark, two_marks = r"([=\-~^\"'*+#`.:])\1{2,}\s*$", r"(?:={2,}|-{2,})\s*$"
-    underline = re.compile(any_mark if underlined else two_marks)
+def plain(heading: str) -> str:
+    """A heading or paragraph without links, tags and emphasis."""
+    return _MARKUP.sub(lambda match: match[1] or "", heading).strip()
+
+
+def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
+    """Marks at headings: marked and underlined ones; nothing inside a fenced block counts."""
+    rows = re.escape(language.underlines)
+    underline = re.compile(rf"([{rows}])\1+\s*$" if rows else r"(?!)")
     marks = [Mark(1, "overview")]
-    fence = ""
+    fence = above = ""
     for number, line in enumerate(lines, 1):
-        opening = re.match(r"\s{0,3}(```+|~~~+)", line)
+        opening = language.name == "Markdown" and re.match(r"\s{0,3}(```+|~~~+)", line)
+        is_title = re.match(r"[ ]?[ ]?[\w:`]", above) and len(line.rstrip()) >= len(above) - 2
         if fence:
             if opening and opening[1].startswith(fence) and not line.strip().strip(fence[0]):
                 fence = ""
-        elif opening and not underlined:
+        elif opening:
             fence = opening[1]
-        elif not underlined and (found := re.match(r"#{1,6}\s+(.*?)\s*#*\s*$", line)):
+        elif found := language.begins.match(line):
             marks.append(Mark(number, plain(found[1]) or "untitled", _HEADING))
-        elif number > 1 and underline.match(line) and _is_title(lines[number - 2], line):
-            marks.append(Mark(number - 1, plain(lines[number - 2]), _HEADING))
+        elif is_title and underline.match(line):
+            marks.append(Mark(number - 1, plain(above), _HEADING))
+        above = line
     return marks
-
-
-def _is_title(line: str, underline: str) -> bool:
-    return bool(line.strip()) and line[0].isalnum() and len(underline.rstrip()) >= len(line) - 2
-
-
-def plain(heading: str) -> str:
-    """A heading or paragraph without links and emphasis."""
-    return re.sub(r"!?\[([^\]]*)\]\([^)]*\)|[*`]", lambda match: match[1] or "", heading).strip()
-
-
-_IMPORT = re.compile(
-    r"\s*(?:#\s*(?:include|pragma|ifndef|import)|import|from|use|using|package|require|extern crate"
-    r"|include|source|module|'use strict'|\"use strict\")\b"
-)
 
 
 def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     """Marks at the lines that look like definitions, their comments above them included."""
-    assert language.definition is not None
     marks: list[Mark] = []
     above = 1  # no comment above this line belongs to the next definition
-    notice = _notice_lines(lines, language)
+    notice = _notice_lines(lines)
+    bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number <= notice:
+        if number in notice or not (marks or any(map(str.isalnum, line))):
+            above = number + 1
+            if not marks or marks[-1].heading is not None:
+                marks.append(Mark(number, None))
             continue
         near = lines[number - 1 : number + 1] if len(line) <= MAX_DEFINITION else []
-        found = language.definition.match("\n".join(near))
-        if found is not None:
-            name = next(group for group in found.groups() if group)
+        if not bracket and (found := language.begins.match("\n".join(near))):
             start = number
             while start > above and language.above.match(lines[start - 2]):
                 start -= 1
-            marks.append(Mark(start, name, "", True))
+            marks.append(Mark(start, next(filter(None, found.groups())), "", True))
             above = number + 1
         elif (not marks or not marks[-1].symbol) and line.strip():
-            heading = None if _IMPORT.match(line) else "overview"
-            if not marks or (marks[-1].heading is None) != (heading is None):
+            if imports := bool(bracket or _IMPORT.match(line)):
+                closed = "" if bracket in line else bracket
+                bracket = {"(": ")", "{": "}"}.get(line.rstrip()[-1:], closed)
+            if not marks or (marks[-1].heading is None) != imports:
                 group = "overview" if language.above.match(line) else _BETWEEN
-                marks.append(Mark(number, heading, group))
-    return _in_order(marks)
-
-
-def _notice_lines(lines: list[str], language: Language) -> int:
-    """How many lines at the top are a comment about the file's licence: nothing to search for."""
-    count = next((n for n, line in enumerate(lines) if not language.above.match(line)), len(lines))
-    return count if LICENCE.search("\n".join(lines[:count])) else 0
-
-
-def _in_order(marks: list[Mark]) -> list[Mark]:
-    """Drops marks that a later one starts at or before (a comment taken over by a definition)."""
-    kept: list[Mark] = []
+                marks.append(Mark(number, None if imports else "overview", group))
+    kept: list[Mark] = []  # without those whose comment a definition has taken over
     for mark in marks:
         while kept and kept[-1].line >= mark.line:
             kept.pop()
         kept.append(mark)
     return kept
+
+
+def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
+    """Line numbers of each paragraph of comment; ``leading``: of those at the top alone."""
+    paragraph: list[int] = []
+    inside = False  # a comment whose lines need no mark of their own
+    for number, line in enumerate(lines, 1):
+        is_comment = inside or _COMMENT.match(line)
+        if inside or line.lstrip().startswith("/*"):
+            inside = "*/" not in line
+        if is_comment and any(map(str.isalnum, line)):
+            paragraph.append(number)
+            continue
+        if paragraph:
+            yield paragraph
+            paragraph = []
+        if leading and not is_comment and line.strip():
+            return
+    if paragraph:
+        yield paragraph
+
+
+def _notice_lines(lines: list[str]) -> set[int]:
+    """The lines of a file's leading comment that speak of its licence: nothing to search for.
+
+    Paragraphs go whole, with the short ones between them. Of a long one only the lines go that
+    say it: the others are likely to describe something.
+    """
+    notice: list[int] = []
+    between: list[int] = []
+    for paragraph in comment_paragraphs(lines, leading=True):
+        if not LICENCE.search(" ".join(lines[number - 1] for number in paragraph)):
+            between += paragraph
+        elif len(paragraph) > LONG_NOTICE:
+            notice += [number for number in paragraph if LICENCE.search(lines[number - 1])]
+        else:
+            notice += between if notice and len(between) <= LONG_NOTICE else []
+            notice += paragraph
+            between = []
+    first, last = min(notice, default=1), max(notice, default=0)
+    empty = (n for n in range(first, last) if not any(map(str.isalnum, lines[n - 1])))
+    return {*notice, *empty}
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
@@ -161,8 +196,9 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
     A lone line between imports and definitions (a namespace, an include guard) is left out.
     """
     sections = []
-    for position, mark in enumerate(marks):
-        end = marks[position + 1].line - 1 if position + 1 < len(marks) else len(lines)
+    part = 0
+    for mark, end in zip(marks, [*(mark.line - 1 for mark in marks[1:]), len(lines)]):
+        part += mark.heading is None
         start = mark.line
         while start <= end and not lines[start - 1].strip():
             start += 1
@@ -170,7 +206,7 @@ def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
             end -= 1
         is_worth_it = start < end or (start == end and mark.group != _BETWEEN)
         if mark.heading is not None and is_worth_it:
-            sections.append(Section(mark.heading, start, end, mark.group))
+            sections.append(Section(mark.heading, start, end, mark.group, part))
     return sections
 
 
@@ -178,36 +214,33 @@ def _merged(sections: list[Section]) -> list[Section]:
     merged: list[Section] = []
     for section in sections:
         last = merged[-1] if merged else None
-        if last is not None and last.group == section.group and _joins(last, section):
+        if last is not None and _joins(last, section):
             heading = last.heading
             if section.heading not in heading.split(", ") and len(heading) < 60:
                 heading = f"{heading}, {section.heading}"
-            merged[-1] = Section(heading, last.start, section.end, last.group)
+            merged[-1] = Section(heading, last.start, section.end, last.group, last.part)
         else:
             merged.append(section)
     return merged
 
 
 def _joins(last: Section, section: Section) -> bool:
+    if (last.group, last.part) != (section.group, section.part):
+        return False
     lines = last.end - last.start + 1
     if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
         return lines <= 2
     return lines <= TINY_LINES or section.end - last.start < MERGE_LINES
 
 
-def _split(section: Section, lines: list[str]) -> list[Section]:
+def _split(section: Section, lines: list[str]) -> Iterator[Section]:
     """Parts of about ``BLOCK_LINES``, cut at a blank line where one is near."""
-    parts: list[Section] = []
-    start = section.start
+    heading, start, number = section.heading, section.start, 1
     while section.end - start >= SPLIT_LINES:
         cut = start + BLOCK_LINES
         near = range(cut, max(start, cut - BLOCK_LINES // 3), -1)
         cut = next((line for line in near if not lines[line - 1].strip()), cut)
-        parts.append(Section(_part(section.heading, len(parts)), start, cut))
-        start = cut + 1
-    parts.append(Section(_part(section.heading, len(parts)), start, section.end))
-    return parts
-
-
-def _part(heading: str, number: int) -> str:
-    return heading if number == 0 else f"{heading} ({number + 1})"
+        yield Section(heading, start, cut)
+        start, number = cut + 1, number + 1
+        heading = f"{section.heading} ({number})"
+    yield Section(heading, start, section.end)

@@ -9,11 +9,13 @@ import time
 from typing import TextIO
 
 _REDRAW_SECONDS = 0.1
+_UNBOUNDED = 10_000
 
 
 def width() -> int:
-    """Columns to write in: the terminal's, at least 30, and 100 where there is none."""
-    return max(30, min(shutil.get_terminal_size((100, 24)).columns, 160))
+    """Columns to write in: the terminal's, at least 30; where there is none nothing is cut."""
+    columns = max(30, min(shutil.get_terminal_size((100, 24)).columns, 160))
+    return columns if is_terminal(sys.stdout) else _UNBOUNDED
 
 
 def cut(text: str, columns: int) -> str:
@@ -37,9 +39,7 @@ def duration(seconds: float) -> str:
     """``3.2 ms``, ``1.4 s`` or ``2 min 5 s``."""
     if seconds < 1:
         return f"{seconds * 1000:.1f} ms"
-    if seconds < 60:
-        return f"{seconds:.1f} s"
-    return f"{int(seconds // 60)} min {int(seconds % 60)} s"
+    return f"{seconds:.1f} s" if seconds < 60 else f"{seconds // 60:.0f} min {seconds % 60:.0f} s"
 
 
 def is_terminal(stream: TextIO) -> bool:
@@ -47,35 +47,19 @@ def is_terminal(stream: TextIO) -> bool:
     return stream.isatty() and os.environ.get("TERM") != "dumb"
 
 
-class Style:
-    """Wraps text in colours, if the stream is a terminal and NO_COLOR is not set."""
-
-    def __init__(self, stream: TextIO) -> None:
-        self._on = is_terminal(stream) and not os.environ.get("NO_COLOR")
-
-    def bold(self, text: str) -> str:
-        return self._wrap("1", text)
-
-    def dim(self, text: str) -> str:
-        return self._wrap("2", text)
-
-    def path(self, text: str) -> str:
-        return self._wrap("36", text)
-
-    def _wrap(self, code: str, text: str) -> str:
-        return f"\x1b[{code}m{text}\x1b[0m" if self._on and text else text
+def styled(style: str, text: str) -> str:
+    """The text bold, dim or as a path, if the output is a terminal and NO_COLOR is not set."""
+    if not text or not is_terminal(sys.stdout) or os.environ.get("NO_COLOR"):
+        return text
+    return f"\x1b[{dict(bold=1, dim=2, path=36)[style]}m{text}\x1b[0m"
 
 
 class Progress:
     """A bar on standard error, redrawn at most ten times a second and wiped when finished."""
 
-    def __init__(self, stream: TextIO | None = None) -> None:
-        self._stream = stream or sys.stderr
-        self._on = is_terminal(self._stream)
-        self._label = ""
-        self._total = 0
-        self._done = 0
-        self._began = self._drawn = 0.0
+    def __init__(self) -> None:
+        self._on = is_terminal(sys.stderr)
+        self.start("", 0)
 
     def start(self, label: str, total: int) -> None:
         """Begins a new bar of ``total`` steps."""
@@ -93,8 +77,7 @@ class Progress:
     def finish(self) -> None:
         """Wipes the bar."""
         if self._on and self._drawn:
-            self._stream.write("\r\x1b[K")
-            self._stream.flush()
+            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
             self._drawn = 0.0
 
     def _draw(self, seconds: float) -> None:
@@ -102,8 +85,8 @@ class Progress:
         figures = f" {self._done:,}/{total:,}"
         if seconds > 2:
             figures += f"  {duration(seconds / self._done * (total - self._done))} left"
-        room = min(40, width() - len(self._label) - len(figures) - 4)
-        filled = room * self._done // total
-        bar = f" [{'#' * filled}{'.' * (room - filled)}]" if room >= 5 else ""
-        self._stream.write("\r" + cut(self._label + bar + figures, width() - 1) + "\x1b[K")
-        self._stream.flush()
+        columns = shutil.get_terminal_size((80, 24)).columns - 1
+        room = max(0, min(40, columns - len(self._label) - len(figures) - 3))
+        bar = f" [{'#' * (room * self._done // total):.<{room}}]"
+        line = cut(self._label + bar + figures, columns)
+        print(f"\r{line}\x1b[K", end="", file=sys.stderr, flush=True)

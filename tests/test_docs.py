@@ -67,6 +67,9 @@ class Documents(unittest.TestCase):
             with self.subTest(words):
                 if words[0] == "make":
                     self.assertIn(words[1], targets)
+                elif words[0] == "build/wiki":
+                    self.run_command([str(BUILD / "wiki"), words[1], "--help"])
+                    ran.add("demo")
                 elif words[0] == "python3.13" and "check_host:repository" not in words:
                     self.run_command([sys.executable, *words[1:]])
                     ran.add(words[words.index("-m") + 1])

@@ -1,23 +1,20 @@
 #!/bin/sh
-# Builds the wiki of a tree and asks it: what `make demo` runs.
-# usage: BUILD=build PYTHON=python3.13 tools/demo.sh [TREE] [QUESTION]
+# Builds the wiki of a tree, asks it and writes its pages: what `make demo` runs. The wiki is kept
+# where the command keeps it, so that a search afterwards finds it.
+# usage: BUILD=build tools/demo.sh [TREE] [QUESTION]
 set -eu
 
 tree=${1:-.}
-mkdir -p "$BUILD/demo"
-name=$(cd "$tree" 2>/dev/null && basename "$PWD") || name=missing  # which the demo then says
-database="$BUILD/demo/$name.db"
-demo() { PYTHONPATH="$BUILD/python" "$PYTHON" -P -m demo "$@"; }
 ask() {
-    echo
-    demo search "$1" --repo "$tree" --db "$database" --top 3
+    printf '\n? %s\n' "$1"
+    "$BUILD/wiki" search "$1" --repo "$tree" --top 3
 }
 
-demo build "$tree" --db "$database"
+"$BUILD/wiki" build "$tree"
 if [ -n "${2:-}" ]; then
     ask "$2"
 else
-    while read -r question; do ask "$question"; done <tools/questions.txt
+    while read -r question; do ask "$question"; done <tools/demo.questions
 fi
 echo
-demo status "$tree" --db "$database"
+"$BUILD/wiki" export "$BUILD/demo/$(basename "$(realpath "$tree")")" --repo "$tree"

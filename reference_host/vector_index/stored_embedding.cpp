@@ -35,6 +35,17 @@ constexpr Py_ssize_t kFloat = sizeof(float);
 
 StoredEmbedding& native(PyObject* self) { return *reinterpret_cast<StoredEmbedding*>(self); }
 
+Owned make(PyTypeObject* type, Handle block, const char* data, Py_ssize_t bytes, bool floats) {
+  Owned made = Owned::steal(type->tp_alloc(type, 0));
+  StoredEmbedding& embedding = native(made.ptr());
+  embedding.block.set(Owned::borrow(block));
+  embedding.data = data;
+  embedding.bytes = bytes;
+  embedding.length = floats ? bytes / kFloat : bytes;
+  embedding.shows_floats = floats;
+  return made;
+}
+
 /// Copies BLOBs into bytes objects that many embeddings share.
 class Blocks {
  public:
