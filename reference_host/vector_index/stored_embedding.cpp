@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <optional>
 #include <vector>
 
 #include "numbers.h"
@@ -53,11 +52,11 @@ class Blocks {
 
   Owned copy_of(Handle blob) {
     const Py_ssize_t bytes = PyBytes_GET_SIZE(blob.ptr());
-    if (!block_ || bytes > PyBytes_GET_SIZE(block_->ptr()) - used_) start_block(bytes);
-    char* const copy = PyBytes_AS_STRING(block_->ptr()) + used_;
+    if (block_.empty() || bytes > PyBytes_GET_SIZE(block_.ptr()) - used_) start_block(bytes);
+    char* const copy = PyBytes_AS_STRING(block_.ptr()) + used_;
     std::memcpy(copy, PyBytes_AS_STRING(blob.ptr()), static_cast<std::size_t>(bytes));
     used_ += bytes;
-    return make(type_, *block_, copy, bytes, false);
+    return make(type_, block_, copy, bytes, false);
   }
 
  private:
@@ -67,12 +66,12 @@ class Blocks {
 
   void start_block(Py_ssize_t least) {
     next_ = std::min(std::max(2 * next_, kFirst), kLargest);
-    block_ = Owned::steal(PyBytes_FromStringAndSize(nullptr, std::max(next_, least)));
+    block_.set(Owned::steal(PyBytes_FromStringAndSize(nullptr, std::max(next_, least))));
     used_ = 0;
   }
 
   PyTypeObject* type_;
-  std::optional<Owned> block_;
+  py::Member block_;
   Py_ssize_t used_ = 0;
   Py_ssize_t next_ = 0;
 };
