@@ -74,7 +74,7 @@ class Store(repository_wiki.WikiStore):
 
 EVERY = "".join(map(chr, range(0x180))) + "中\ud800\udbff\udc00\udfff\uffff\U00010000\U0010ffff"
 DOCUMENT = '{"k\\u00e9": [1, -20, "é\\"/"], "": {"a": null}}'
-PIECES = ["", "\ufeff", '"a":', "9" * 18, "1" * 19, *'",:[]{}é中 \n\x1f\x00\f']
+PIECES = ["", "\ufeff", '"a":', "9" * 18, "9" * 19, *'",:[]{}é中 \n\x1f\x00\f']
 PIECES += "-0 0.5 01 1. 1e ,] ,} NaN -Infinity null true fals - \\x \\u12 \\u00G0 \\u00AF".split()
 PIECES += "\\ud834 \\udd1e \\ud834\\udd1e \\ud834\\u0041 \\ud834\\ue000 \\ud834\\n".split()
 

@@ -1,4 +1,4 @@
-"""What would take the process down: threads that the interpreter leaves behind, C code that cheats."""
+"""What would take the process down: threads left behind, C code that cheats, endless calls."""
 
 from __future__ import annotations
 
@@ -52,6 +52,22 @@ _CASES = {
             print(error)
         """,
         "'NoneType' object is not callable",
+    ),
+    "methods that call each other without end": (
+        """
+        class Endless(Repository):
+            _wiki_chunk_indexes = WikiStore.invalidate_wiki_chunk_index
+
+        def run():
+            try:
+                Endless(None).invalidate_wiki_chunk_index()
+            except RecursionError:
+                print("refused")
+
+        threading.stack_size(1 << 28)  # for builds whose frames are large
+        threading.Thread(target=run).start()
+        """,
+        "refused",
     ),
 }
 
