@@ -1,9 +1,11 @@
-"""Many threads on one repository, and interpreters with locks of their own side by side."""
+"""Threads and interpreters side by side, and what would take the whole process down."""
 
 from __future__ import annotations
 
 import _interpreters
+import faulthandler
 import itertools
+import subprocess
 import sys
 import tempfile
 import textwrap
@@ -36,8 +38,76 @@ ALONE = """
     for turn in range({turns}): exec({code!r})
 """
 
+# A host in plain Python: sqlite3 itself does not survive its thread's end at the wrong moment.
+HOST = """
+    import ctypes, threading, time
+    from benchmarks import trivial_host
+    from tessaly.storage.repository_wiki import WikiStore
+
+    class Repository(WikiStore):
+        def __init__(self, db):
+            self.db = db
+"""
+
+DEADLY = {
+    "threads inside methods when the interpreter ends": (
+        """
+        class Slow(trivial_host.Database):
+            def fetchone(self, statement, parameters):
+                return [sum(range(2000)) for _ in range(7)]
+
+        def work(repository):
+            while True:
+                repository.get_wiki_state("main")
+
+        for _ in range(3):
+            threading.Thread(target=work, args=(Repository(Slow()),), daemon=True).start()
+        time.sleep(0.1)
+        print("ended")
+        """,
+        "ended",
+    ),
+    "an exit that clears the exception being handled": (
+        """
+        class Clearing(trivial_host.Transaction):
+            def __exit__(self, kind, error, traceback):
+                ctypes.pythonapi.PyErr_SetHandledException(ctypes.py_object(None))
+                return False
+
+        db = trivial_host.Database()
+        db.block = Clearing(db.block.cursor)
+        db.block.cursor.execute = None
+        try:
+            Repository(db).bump_wiki_changed("main", 1)
+        except TypeError as error:
+            print(error)
+        """,
+        "'NoneType' object is not callable",
+    ),
+    "methods that call each other without end": (
+        """
+        class Endless(Repository):
+            _wiki_chunk_indexes = WikiStore.invalidate_wiki_chunk_index
+
+        def run():
+            try:
+                Endless(None).invalidate_wiki_chunk_index()
+            except RecursionError:
+                print("refused")
+
+        threading.stack_size(1 << 28)  # for builds whose frames are large
+        threading.Thread(target=run).start()
+        """,
+        "refused",
+    ),
+}
+
 
 class Concurrency(StoreTestCase):
+    def setUp(self) -> None:
+        faulthandler.dump_traceback_later(500 if SOAK else 100, exit=True)  # no test waits for ever
+        self.addCleanup(faulthandler.cancel_dump_traceback_later)
+
     @not_leak_checked("threads and their connections come and go while memory is counted")
     def test_threads_on_one_repository_see_each_write_whole(self) -> None:
         until = time.monotonic() + (60 if SOAK else 2)
@@ -72,6 +142,16 @@ class Concurrency(StoreTestCase):
         with ThreadPoolExecutor(4) as pool:
             failed = list(pool.map(live, range(4)))
         self.assertEqual([error and error.formatted for error in failed], [None] * 4)
+
+    @not_leak_checked("the subject runs in processes of its own")
+    def test_the_process_survives(self) -> None:
+        for what, (code, said) in DEADLY.items():
+            with self.subTest(what):
+                source = textwrap.dedent(HOST) + textwrap.dedent(code)
+                done = subprocess.run(
+                    [sys.executable, "-c", source], capture_output=True, text=True, timeout=60
+                )
+                self.assertEqual((done.returncode, done.stdout.strip()), (0, said), done.stderr)
 
 
 if __name__ == "__main__":

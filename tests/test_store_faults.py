@@ -30,7 +30,7 @@ def raising(at: int) -> Act:
 
 class Faults(DatabaseTestCase):
     def host_calls(self) -> Iterator[tuple[Case, int, bool]]:
-        """Every host call of every typical call, with whether it is inside a transaction's block."""
+        """Every host call of every typical call, with whether it is inside a block."""
         for case in CALLS_OF_THE_STORE:
             names = [call[0] for call in Run(native_store, self.database, case).go().host.calls]
             for at, name in enumerate(names, 1):

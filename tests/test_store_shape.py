@@ -107,12 +107,17 @@ class Shape(StoreTestCase):
 
     def test_defaults_that_are_set_are_used(self) -> None:
         page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks
-        one = mock.MagicMock()
-        one._wiki_chunk_index.return_value.dimension = 0
-        with put(search, "__defaults__", ("b", 7)), put(search, "__kwdefaults__", {"terms": ["w"]}):
-            search(one, [])
-        self.assertEqual(one._wiki_chunk_index.mock_calls[0], mock.call("b"))
-        one._wiki_chunk_index().ranked.assert_called_once_with([], 7, ["w"])
+
+        def harm(branch: str) -> Any:
+            search.__defaults__ = search.__kwdefaults__ = None
+            return mock.MagicMock(dimension=0, ranked=lambda *given: asked.append((branch, given)))
+
+        asked: list[Any] = []
+        one = mock.MagicMock(_wiki_chunk_index=harm)
+        with put(search, "__defaults__", ("b", 7)), put(search, "__kwdefaults__", None):
+            search.__kwdefaults__ = {"terms": "".join(("wo", "rd"))}  # soon held by the call alone
+            self.assertRaises(TypeError, search, one, [])  # of what the index answers, None
+        self.assertEqual(asked, [("b", ([], 7, "word"))])
         fewer = {key: None for key in page.__kwdefaults__ if key != "model"}
         for method, given, attribute, value, missing in (
             (search, ([], "b"), "__kwdefaults__", None, "1 required keyword-only .*: 'terms'"),
