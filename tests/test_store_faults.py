@@ -9,8 +9,7 @@ from pathlib import Path
 from typing import Any
 from unittest import mock
 
-from tessaly.storage import repository_wiki as native_store
-from tests.support import CALLS_OF_THE_STORE, Act, Case, DatabaseTestCase, Run, fill, tables
+from tests.support import CALLS_OF_THE_STORE, STORES, DatabaseTestCase, Run, at, fill, tables
 
 TABLE = Path(__file__).parent.parent.joinpath("storage/wiki_store.h").read_text().splitlines()
 
@@ -19,70 +18,59 @@ class Fault(BaseException):
     """What the host fails with."""
 
 
-def raising(at: int) -> Act:
-    def act(run: Run, number: int, _name: str) -> None:
-        if number == at:
-            run.raised = Fault(at)
-            raise run.raised
-
-    return act
+def fail(run: Run) -> None:
+    run.raised = Fault()
+    raise run.raised
 
 
 class Faults(DatabaseTestCase):
-    def host_calls(self) -> Iterator[tuple[Case, int, bool]]:
-        """Every host call of every typical call, with whether it is inside a block."""
+    def faults(self, **given: Any) -> Iterator[tuple[Run, bool]]:
+        """A run for every host call of every typical call, with a fault there that both stores take
+        alike; and whether it is inside the block of a transaction."""
         for case in CALLS_OF_THE_STORE:
-            names = [call[0] for call in Run(native_store, self.database, case).go().host.calls]
-            for at, name in enumerate(names, 1):
-                inside = "__enter__" in names[: at - 1] and "__exit__" in names[at:]
-                with self.subTest(case[0][0], host_call=name, at=at):
-                    yield case, at, inside
+            calls = Run(STORES[1], self.database, case).go().calls
+            names = [call[0] for call in calls if isinstance(call, tuple)]
+            for number, name in enumerate(names, 1):
+                inside = "__enter__" in names[: number - 1] and "__exit__" in names[number:]
+                with self.subTest(case[0][0], host_call=name, number=number):
+                    yield self.same_outcome(case, at(number, fail), **given), inside
 
     def test_an_error_of_any_host_call_comes_out_unchanged_and_undoes_the_call(self) -> None:
         fill(self.database)
         before = tables(self.database)
-        for case, at, inside in self.host_calls():
-            run = self.same_outcome(case, raising(at))
-            error = run.error
+        for run, inside in self.faults():
+            error: Any = run.error
             self.assertIs(error, run.raised)
-            self.assertEqual((error.args, error.__context__, error.__cause__), ((at,), None, None))
+            self.assertEqual((error.args, error.__context__, error.__cause__), ((), None, None))
             self.assertEqual(tables(self.database), before)
             if run.cached is not None:
-                self.assertTrue(run.kept, "the cached index went, though nothing was stored")
+                self.assertIs(run.entry(), run.cached, "dropped, though nothing was stored")
             if inside:
-                [(kind, value, frames, handled)] = run.host.exit_saw
-                self.assertEqual((kind, value, handled), (Fault, error, error))
+                [(*given, frames, handled)] = run.exit_saw
+                self.assertEqual((given, handled), ([Fault, error], error))
                 self.assertIsNotNone(frames)
-            self.traced(run)
-
-    def traced(self, run: Run) -> None:
-        """An entry of each native method that the error went through, right above the caller's."""
-        entries = traceback.extract_tb(run.error.__traceback__)
-        native = [entry for entry in entries if entry.filename == "storage/wiki_store.h"]
-        inner = ["_wiki_chunk_index"] if run.method == "search_wiki_chunks" else []
-        self.assertIn([entry.name for entry in native], ([run.method], [run.method, *inner]))
-        self.assertEqual(entries[1].name, run.method)
-        for entry in native:
-            self.assertIn(f"({entry.name},", TABLE[entry.lineno - 1])
+            # An entry of each native method that it went through, right above the caller's.
+            _caller, entry, *entries = traceback.extract_tb(error.__traceback__)
+            native = [entry] + [one for one in entries if one.filename == entry.filename]
+            inner = ["_wiki_chunk_index"] if run.method == "search_wiki_chunks" else []
+            self.assertIn([one.name for one in native], ([run.method], [run.method, *inner]))
+            for one in native:
+                self.assertEqual(one.filename, "storage/wiki_store.h")
+                self.assertIn(f"({one.name},", TABLE[one.lineno - 1])
 
     def test_an_exit_that_swallows_lets_the_method_carry_on(self) -> None:
-        unbound = "cannot access local variable 'removed' where it is not associated with a value"
-        counts = {"replace_wiki_chunks": 2, "update_wiki_chunk_embeddings": 1}
-        for case, at, inside in self.host_calls():
-            if inside:
-                run = self.same_outcome(case, raising(at), exit_swallows=True)
-                if run.method == "delete_wiki_page":
-                    self.assertIsInstance(run.error, UnboundLocalError)
-                    self.assertEqual(str(run.error), unbound)
-                else:
-                    at_list = counts.get(run.method)
-                    self.assertEqual(run.result, at_list and len(case[0][1][at_list]))
+        counts = {"replace_wiki_chunks": 3, "update_wiki_chunk_embeddings": 2}
+        for run, inside in self.faults(exit_answer=lambda: True):
+            if inside and run.method == "delete_wiki_page":
+                self.assertIsInstance(run.error, UnboundLocalError)
+                self.assertRegex(str(run.error), "^cannot access local variable 'removed' where it")
+            elif inside:
+                self.assertEqual((run.error, run.result), (None, counts.get(run.method)))
 
     def test_an_exit_that_raises_has_its_error_chained_to_the_body_s(self) -> None:
-        for case, at, inside in self.host_calls():
+        for run, inside in self.faults(exit_answer={}.popitem):
             if inside:
-                run = self.same_outcome(case, raising(at), exit_raises=KeyError("exit"))
-                self.assertIs(run.error, run.host.exit_raises)
+                self.assertIsInstance(run.error, KeyError)
                 self.assertIs(run.error.__context__, run.raised)
                 self.assertIsNone(run.raised.__context__)
 
@@ -94,11 +82,14 @@ class Faults(DatabaseTestCase):
             __enter__ = staticmethod(lambda: None)
             __exit__ = None
 
-        bump = (("bump_wiki_changed", ("b", 1), {}), False)
         for manager in (None, Leaves(), Unbound()):
-            db = type("Db", (), {"transaction": lambda _self: manager})()
-            run = self.same_outcome(bump, prepare=lambda run: vars(run.store).update(db=db))
-            self.assertIsInstance(run.error, TypeError)
+            errors = []
+            for store in STORES:
+                one = mock.Mock(**{"db.transaction.return_value": manager})
+                with self.assertRaises(TypeError) as caught:
+                    store.bump_wiki_changed(one, "b", 1)
+                errors.append(str(caught.exception))
+            self.assertEqual(*errors)
 
     def test_the_exit_is_the_one_that_the_type_has_once_the_block_is_entered(self) -> None:
         class Enters:
@@ -116,12 +107,11 @@ class Faults(DatabaseTestCase):
                 raise AssertionError("looked up before the block was entered")
 
         entered: list[Any] = []
-        store = native_store.WikiStore()
-        store.db = mock.Mock(**{"transaction.side_effect": [late := Late(), Enters()]})
-        store.upsert_wiki_state("b")
+        one = mock.Mock(**{"db.transaction.side_effect": [late := Late(), Enters()]})
+        STORES[1].upsert_wiki_state(one, "b")
         self.assertEqual(entered, [late, (late, None, None, None)])
         with self.assertRaisesRegex(TypeError, "^'Enters' object .* \\(missed __exit__ method\\)$"):
-            store.upsert_wiki_state("b")
+            STORES[1].upsert_wiki_state(one, "b")
         self.assertEqual(len(entered), 3)
 
 

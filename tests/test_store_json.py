@@ -122,7 +122,6 @@ class Equality(StoreTestCase):
         self.store = Store()
 
     def test_what_is_stored_is_what_dumps_gives(self) -> None:
-        draw = self.random("dumps")
         circle: list[Any] = [1]
         circle.append({"again": circle})
         values = [circle, EVERY, {EVERY: "x" * 5000}, ["\ud800" * 999]]
@@ -131,7 +130,7 @@ class Equality(StoreTestCase):
             deep = [deep] if depth % 2 else {"d": deep}
             if depth in (58, 59, 60, 61, 1199):
                 values.append(deep)
-        values += [random_value(draw) for _ in range(self.rounds(2000))]
+        values += map(random_value, self.draws(2000))
         for value in values:
             expected = outcome(json.dumps, value)
             self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
@@ -151,10 +150,9 @@ class Equality(StoreTestCase):
             self.assertEqual(outcome(self.store.loaded, text), expected, text)
 
     def test_similarities_are_what_round_gives(self) -> None:
-        draw = self.random("round")
         numbers: list[Any] = [0.0, -0.0, math.inf, -math.inf, math.nan, 1e300, 5e-324, -4e-5, 1e11]
         numbers += [half * sign for sign in (1, -1) for half in (5e-5, 1.5e-4, 5.00000000000001e-5)]
-        numbers += [value for _ in range(self.rounds(2000)) for value in awkward_numbers(draw)]
+        numbers += [value for draw in self.draws(2000) for value in awkward_numbers(draw)]
         numbers += [True, -7, Real(0.12345), Whole(3), Decimal("0.12345")]
         for value, found in zip(numbers, self.store.rounded(numbers), strict=True):
             expected = round(value, 4)
