@@ -5,6 +5,7 @@ from __future__ import annotations
 import copy
 import functools
 import gc
+import importlib
 import itertools
 import logging
 import os
@@ -18,6 +19,7 @@ from collections.abc import Callable, Iterator
 from typing import Any
 from unittest import mock
 
+import tessaly.storage
 from benchmarks.plain_store import PlainWikiStore
 from tessaly.storage.database import Database
 from tessaly.storage.repository_wiki import WikiStore
@@ -62,6 +64,14 @@ class StoreTestCase(unittest.TestCase):
         soak = SOAK and not self.repeating
         rounds = usual // 20 if self.repeating else usual * (20 if soak else 1)
         return itertools.repeat(random.Random(time.time_ns() if soak else 0), rounds)
+
+
+def import_anew() -> Any:
+    """Another module object of the store, and the program as it was before."""
+    name = WikiStore.__module__
+    with mock.patch.dict(sys.modules), mock.patch.object(tessaly.storage, "repository_wiki"):
+        del sys.modules[name]
+        return importlib.import_module(name)
 
 
 def not_leak_checked(reason: str) -> Callable[[Any], Any]:

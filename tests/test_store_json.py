@@ -6,9 +6,7 @@ import builtins
 import json
 import math
 import random
-import subprocess
 import sys
-import textwrap
 import types
 import unittest
 from collections.abc import Callable, Iterator
@@ -17,8 +15,10 @@ from typing import Any
 from unittest import mock
 
 from tessaly.storage import repository_wiki
-from tests.support import StoreTestCase, not_leak_checked
+from tests.support import StoreTestCase, import_anew
 
+NAME = repository_wiki.__name__
+put = mock.patch.object
 Text = type("Text", (str,), {})
 Whole = type("Whole", (int,), {"__repr__": lambda self: "whole"})
 Real = type("Real", (float,), {"__repr__": lambda self: "real"})
@@ -26,14 +26,14 @@ Items = type("Items", (list,), {})
 Mapping = type("Mapping", (dict,), {"items": lambda self: [("own", 1)]})
 
 
-class Store(repository_wiki.WikiStore):
+class Given:
     """A store that is its own database, transaction and cursor, and whose index is given."""
 
     def __init__(self) -> None:
         self.db = self
         self.parameters: tuple[Any, ...] = ()
 
-    def execute(self, _statement: Any = None, parameters: tuple[Any, ...] = ()) -> Store:
+    def execute(self, _statement: Any = None, parameters: tuple[Any, ...] = ()) -> Any:
         if len(parameters) > 2:
             self.parameters = parameters
         return self
@@ -55,9 +55,14 @@ class Store(repository_wiki.WikiStore):
     def dumped_with_chunk(self, value: Any) -> str:
         chunk = {"content": "", "embedding": [], "citations": value}
         codec = types.SimpleNamespace(encode=bytes)
-        with mock.patch.object(repository_wiki, "stored_vectors", lambda _db: codec):
+        with put(sys.modules[NAME], "stored_vectors", lambda _db: codec):
             self.replace_wiki_chunks(1, "b", [chunk], "m")
         return self.parameters[5]
+
+    def refreshed(self) -> Any:
+        given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
+        self.update_wiki_page_citations("b", "p", rewrite=str, **given)
+        return self.parameters
 
     def searched(self, stored: Any, similarities: list[Any]) -> list[Any]:
         index = types.SimpleNamespace(dimension=0, chunks={1: (1, None, "text", stored)})
@@ -70,6 +75,11 @@ class Store(repository_wiki.WikiStore):
 
     def rounded(self, values: list[Any]) -> list[Any]:
         return [hit["similarity"] for hit in self.searched("", values)]
+
+
+def make_store() -> Any:
+    """Of the module that is imported just now."""
+    return type("Store", (Given, sys.modules[NAME].WikiStore), {})()
 
 
 EVERY = "".join(map(chr, range(0x180))) + "中\ud800\udbff\udc00\udfff\uffff\U00010000\U0010ffff"
@@ -119,7 +129,7 @@ def outcome(function: Callable[[Any], Any], value: Any) -> Any:
 
 class Equality(StoreTestCase):
     def setUp(self) -> None:
-        self.store = Store()
+        self.store = make_store()
 
     def test_what_is_stored_is_what_dumps_gives(self) -> None:
         circle: list[Any] = [1]
@@ -162,14 +172,22 @@ class Equality(StoreTestCase):
         self.assertEqual(outcome(lambda value: self.store.rounded([value]), "1"), expected)
 
 
+CHANGES = [  # of the module json, before the store is imported
+    "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
+    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
+    "json._default_decoder = json.JSONDecoder(object_hook=lambda one: one.get('path', one))",
+    "json._default_decoder = json.JSONDecoder(object_pairs_hook=lambda one: dict(one[:3]))",
+    "json._default_decoder = json.JSONDecoder(parse_int=str)",
+    "json.dumps.__kwdefaults__['sort_keys'] = True",
+    "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
+    "del json._default_encoder, json._default_decoder",
+    "del json.loads; json.JSONEncoder = None",
+    "sys.modules['json'] = types.SimpleNamespace(dumps=repr, loads=lambda text: (text,))",
+]
+
+
 class Rebinding(StoreTestCase):
     def test_a_function_that_was_put_in_the_place_of_another_is_called(self) -> None:
-        def refresh() -> Any:
-            store = Store()
-            given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
-            store.update_wiki_page_citations("b", "p", rewrite=str, **given)
-            return store.parameters
-
         def import_own(name: str, *rest: Any) -> Any:
             return own if name == "json" else old_import(name, *rest)
 
@@ -178,13 +196,12 @@ class Rebinding(StoreTestCase):
         encoder.encode, decoder.decode = own.dumps, own.loads
         old_import = builtins.__import__
         calls: dict[str, Callable[[], Any]] = {
-            "page": lambda: Store().dumped([1]),
-            "page without": lambda: Store().dumped(None),
-            "chunk": lambda: Store().dumped_with_chunk([1]),
-            "search": lambda: Store().loaded("[1]"),
-            "refresh": refresh,
+            "page": lambda: make_store().dumped([1]),
+            "page without": lambda: make_store().dumped(None),
+            "chunk": lambda: make_store().dumped_with_chunk([1]),
+            "search": lambda: make_store().loaded("[1]"),
+            "refresh": lambda: make_store().refreshed(),
         }
-        put = mock.patch.object
         writers = "page page without chunk"
         table: list[tuple[Any, str]] = [
             (put(json, "dumps", own.dumps), f"{writers} refresh"),
@@ -202,42 +219,23 @@ class Rebinding(StoreTestCase):
             self.assertEqual(" ".join(seen), seers, f"patch {number}")
         for home in (builtins, repository_wiki):
             with put(home, "round", lambda *given: given, create=home is not builtins):
-                self.assertEqual(Store().rounded([0.5]), [(0.5, 4)])
+                self.assertEqual(make_store().rounded([0.5]), [(0.5, 4)])
 
-    @not_leak_checked("the subject runs in processes of its own")
     def test_json_that_was_changed_before_the_import_is_used_as_it_is(self) -> None:
+        citation = {"path": "é", "b": [None, True], "a": {"x": 1}}
         for change in CHANGES:
-            source = textwrap.dedent(CHANGED).format(change=change)
-            done = subprocess.run(
-                [sys.executable, "-c", source], capture_output=True, text=True, timeout=60
-            )
-            self.assertEqual((done.returncode, done.stderr), (0, ""), change)
-
-
-OWN_VALUE = "lambda value: 'own' if 'path' in dict(value) else dict(value)"
-CHANGES = [
-    "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
-    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
-    f"json._default_decoder = json.JSONDecoder(object_hook={OWN_VALUE})",
-    f"json._default_decoder = json.JSONDecoder(object_pairs_hook={OWN_VALUE})",
-    "json._default_decoder = json.JSONDecoder(parse_int=str)",
-    "json.dumps.__kwdefaults__['sort_keys'] = True",
-    "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
-    "del json._default_encoder, json._default_decoder",
-    "del json.loads; json.JSONEncoder = None",
-    "sys.modules['json'] = types.SimpleNamespace(dumps=repr, loads=lambda text: (text,))",
-]
-CHANGED = """
-    import json, sys, types
-    {change}
-    from tests.test_store_json import Store, outcome
-    json = sys.modules["json"]
-    for value in ([], [1], [{{"path": "é", "b": [None, True], "a": 1}}], [1.5]):
-        for dumped in (Store().dumped, Store().dumped_with_chunk):
-            assert outcome(dumped, value) == outcome(lambda one: json.dumps(one), value), value
-    for text in ('[]', '[{{"path": "x", "n": 1}}]', '{{"b": [1], "a": 2}}', '[1.5]', '['):
-        assert outcome(Store().loaded, text) == outcome(lambda one: json.loads(one), text), text
-"""
+            with mock.patch.dict(sys.modules), mock.patch.dict(vars(json)):
+                with mock.patch.dict(json.dumps.__kwdefaults__):
+                    exec(change)
+                    sys.modules[NAME] = import_anew()
+                    now, store = sys.modules["json"], make_store()
+                    for value in ([], [1], [citation], [1.5]):
+                        expected = outcome(lambda one: now.dumps(one), value)
+                        self.assertEqual(outcome(store.dumped, value), expected, change)
+                        self.assertEqual(outcome(store.dumped_with_chunk, value), expected, change)
+                    for text in ("[]", '[{"b": 1, "path": 2, "a": 3, "x": 4}]', "[1.5]", "["):
+                        expected = outcome(lambda one: now.loads(one), text)
+                        self.assertEqual(outcome(store.loaded, text), expected, change)
 
 
 if __name__ == "__main__":

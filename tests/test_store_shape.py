@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import builtins
 import gc
-import importlib
 import inspect
 import itertools
 import logging
@@ -17,22 +16,14 @@ from typing import Any
 from unittest import mock
 
 from benchmarks.plain_store import PlainWikiStore
-from tessaly import storage
 from tessaly.storage import repository_wiki
 from tessaly.storage.repository_wiki import WikiStore
-from tests.support import StoreTestCase
+from tests.support import StoreTestCase, import_anew
 
 Text = type("Text", (str,), {})
 NAME = "tessaly.storage.repository_wiki"
 PLAIN = {name: one for name, one in vars(PlainWikiStore).items() if inspect.isfunction(one)}
 put = mock.patch.object
-
-
-def import_anew() -> Any:
-    """Another module object, and the world as it was before."""
-    with mock.patch.dict(sys.modules), put(storage, "repository_wiki"):
-        del sys.modules[NAME]
-        return importlib.import_module(NAME)
 
 
 class Shape(StoreTestCase):
