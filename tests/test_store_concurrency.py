@@ -39,67 +39,43 @@ ALONE = """
 """
 
 # A host in plain Python: sqlite3 itself does not survive its thread's end at the wrong moment.
-HOST = """
-    import ctypes, threading, time
-    from benchmarks import trivial_host
-    from tessaly.storage.repository_wiki import WikiStore
-
-    class Repository(WikiStore):
-        def __init__(self, db):
-            self.db = db
+PLAIN_HOST = """
+import ctypes, threading, time
+from benchmarks import trivial_host
+from tessaly.storage.repository_wiki import WikiStore
+store = WikiStore()
+store.db = trivial_host.Database()
 """
-
 DEADLY = {
-    "threads inside methods when the interpreter ends": (
-        """
-        class Slow(trivial_host.Database):
-            def fetchone(self, statement, parameters):
-                return [sum(range(2000)) for _ in range(7)]
-
-        def work(repository):
+    "threads inside methods when the interpreter ends": """
+        def work():
             while True:
-                repository.get_wiki_state("main")
-
+                store.get_wiki_state("main")
+        store.db.fetchone = lambda *_given: [sum(range(2000)) for _ in range(7)]
         for _ in range(3):
-            threading.Thread(target=work, args=(Repository(Slow()),), daemon=True).start()
+            threading.Thread(target=work, daemon=True).start()
         time.sleep(0.1)
-        print("ended")
-        """,
-        "ended",
-    ),
-    "an exit that clears the exception being handled": (
-        """
+    """,
+    "an exit that clears the exception being handled": """
         class Clearing(trivial_host.Transaction):
-            def __exit__(self, kind, error, traceback):
+            def __exit__(self, *_error):
                 ctypes.pythonapi.PyErr_SetHandledException(ctypes.py_object(None))
-                return False
-
-        db = trivial_host.Database()
-        db.block = Clearing(db.block.cursor)
-        db.block.cursor.execute = None
+        store.db.block = Clearing(None)
         try:
-            Repository(db).bump_wiki_changed("main", 1)
-        except TypeError as error:
-            print(error)
-        """,
-        "'NoneType' object is not callable",
-    ),
-    "methods that call each other without end": (
-        """
-        class Endless(Repository):
-            _wiki_chunk_indexes = WikiStore.invalidate_wiki_chunk_index
-
+            store.bump_wiki_changed("main", 1)
+        except AttributeError:
+            pass
+    """,
+    "methods that call each other without end": """
         def run():
             try:
-                Endless(None).invalidate_wiki_chunk_index()
+                store.invalidate_wiki_chunk_index()
             except RecursionError:
-                print("refused")
-
+                pass
+        WikiStore._wiki_chunk_indexes = WikiStore.invalidate_wiki_chunk_index
         threading.stack_size(1 << 28)  # for builds whose frames are large
         threading.Thread(target=run).start()
-        """,
-        "refused",
-    ),
+    """,
 }
 
 
@@ -145,13 +121,10 @@ class Concurrency(StoreTestCase):
 
     @not_leak_checked("the subject runs in processes of its own")
     def test_the_process_survives(self) -> None:
-        for what, (code, said) in DEADLY.items():
-            with self.subTest(what):
-                source = textwrap.dedent(HOST) + textwrap.dedent(code)
-                done = subprocess.run(
-                    [sys.executable, "-c", source], capture_output=True, text=True, timeout=60
-                )
-                self.assertEqual((done.returncode, done.stdout.strip()), (0, said), done.stderr)
+        for what, code in DEADLY.items():
+            command = [sys.executable, "-c", PLAIN_HOST + textwrap.dedent(code)]
+            done = subprocess.run(command, capture_output=True, text=True, timeout=60)
+            self.assertEqual((done.returncode, done.stderr), (0, ""), what)
 
 
 if __name__ == "__main__":
