@@ -9,10 +9,8 @@ import importlib
 import itertools
 import logging
 import os
-import random
 import re
 import sys
-import time
 import unittest
 from array import array
 from collections.abc import Callable, Iterator
@@ -58,12 +56,6 @@ class StoreTestCase(unittest.TestCase):
             if at >= 2 and counts[at - 2] >= counts[at - 1] >= counts[at]:
                 return
         self.fail(f"memory blocks after each repetition: {counts.tolist()}")
-
-    def draws(self, usual: int) -> Iterator[random.Random]:
-        """The random numbers of each round: the same each time, but in a soak, which has more."""
-        soak = SOAK and not self.repeating
-        rounds = usual // 20 if self.repeating else usual * (20 if soak else 1)
-        return itertools.repeat(random.Random(time.time_ns() if soak else 0), rounds)
 
 
 def import_anew() -> Any:
