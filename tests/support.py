@@ -246,26 +246,25 @@ class Run:
         names |= {"ChunkWords": self, "logger": HostObject(self, logging.Logger("silent", 99))}
         self.in_place = mock.patch.dict(vars(self.module), names)
         self.act: Act | None = None
-        self.exit_saw: list[tuple[Any, ...]] = []
+        self.exit_saw: list[Any] = []
         self.exit_answer: Callable[[], bool] = bool  # to an error
         self.row_type: Callable[[Run, Any], Any] = lambda _run, row: row
         self.cell_type = self.argument_type = self.row_type
-        self.reset()
+        self.calls: list[Any] = []  # with the look-ups between them
+        self.number = 0  # of the calls
+        self.answers: list[Any] = []  # rows and hits, as the store holds them just now
         fill(database)
         if warm:
             with self.in_place:
                 self.store._wiki_chunk_index("main")
-            self.reset()
+        self.calls.clear()
+        self.answers.clear()
+        self.number = 0
         self.cached = self.entry()
         self.result: Any = None
         self.error: BaseException | None = None
         self.raised: BaseException | None = None  # what an act failed with
         vars(self).update(given)
-
-    def reset(self) -> None:
-        self.calls: list[Any] = []  # with the look-ups between them
-        self.number = 0  # of the calls
-        self.answers: list[Any] = []  # rows and hits, as the store holds them just now
 
     def reported(self, name: str, function: Any) -> Any:
         return functools.partial(self.report, name, function)

@@ -103,13 +103,6 @@ class Biting:
         return Biting(self.run, self.run.report("replace", self.value.replace, *given))
 
 
-class Path(Biting, str):
-    """A path that is a str, with a ``replace`` of its own."""
-
-    def __new__(cls, _run: Run, text: str) -> Path:
-        return str.__new__(cls, text)
-
-
 def bite(special: str, answer: Callable[..., Any]) -> Callable[..., Any]:
     return lambda self, *given: self.run.report(special, answer, self.value, *given)
 
@@ -138,8 +131,8 @@ def cells(run: Run, row: Any) -> Any:
 
 
 def argument(run: Run, value: Any) -> Any:
-    paths = isinstance(value, list) and value and isinstance(value[0], str)
-    return [Path(run, each) for each in value] if paths else cell(run, value)
+    texts = isinstance(value, list) and value and isinstance(value[0], str)
+    return [cell(run, each) for each in value] if texts else cell(run, value)
 
 
 def stop(_run: Run) -> None:
@@ -152,7 +145,8 @@ class Bites(DatabaseTestCase):
     def test_biting_objects_in_every_place(self) -> None:
         harm = ("empty answers", "empty arguments", "empty the instance", "collect")
         acts = itertools.cycle(ACTS[what] for what in harm)
-        ways = ({"row_type": cell}, {"row_type": cells}, {"row_type": cells, "argument_type": argument})
+        ways: Any = [{"row_type": cell}, {"row_type": cells}]
+        ways.append({"row_type": cells, "argument_type": argument})
         for case, way in itertools.product(CALLS_OF_THE_STORE, ways):
             for number in itertools.count(1):
                 for act in (stop, next(acts)):

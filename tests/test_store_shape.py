@@ -95,26 +95,22 @@ class Shape(StoreTestCase):
         self.assertRaisesRegex(TypeError, "missing 1 .*: 'page_id'", method, store, "b")
 
     def test_defaults_that_are_set_are_used(self) -> None:
-        page, search = WikiStore.upsert_wiki_page, WikiStore.search_wiki_chunks
-
         def harm(branch: str) -> Any:
             search.__defaults__ = search.__kwdefaults__ = None
             return mock.MagicMock(dimension=0, ranked=lambda *given: asked.append((branch, given)))
 
         asked: list[Any] = []
-        one = mock.MagicMock(_wiki_chunk_index=harm)
+        one, search = mock.MagicMock(_wiki_chunk_index=harm), WikiStore.search_wiki_chunks
         with put(search, "__defaults__", ("b", 7)), put(search, "__kwdefaults__", None):
             search.__kwdefaults__ = {"terms": "".join(("wo", "rd"))}  # soon held by the call alone
             self.assertRaises(TypeError, search, one, [])  # of what the index answers, None
         self.assertEqual(asked, [("b", ([], 7, "word"))])
-        fewer = {key: None for key in page.__kwdefaults__ if key != "model"}
-        for method, given, attribute, value, missing in (
-            (search, ([], "b"), "__kwdefaults__", None, "1 required keyword-only .*: 'terms'"),
-            (search, ([],), "__defaults__", None, "arguments: 'branch' and 'top_k'"),
-            (page, ("b", "p", "t"), "__kwdefaults__", fewer, "keyword-only .*: 'model'"),
+        for given, attribute, missing in (
+            (([], "b"), "__kwdefaults__", "1 required keyword-only .*: 'terms'"),
+            (([],), "__defaults__", "arguments: 'branch' and 'top_k'"),
         ):
-            with put(method, attribute, value), self.assertRaisesRegex(TypeError, missing):
-                method(one, *given)
+            with put(search, attribute, None), self.assertRaisesRegex(TypeError, missing):
+                search(one, *given)
 
     def test_wrong_arguments_are_refused_in_the_interpreters_words(self) -> None:
         for name, plain in PLAIN.items():
@@ -149,18 +145,13 @@ class Life(StoreTestCase):
         self.assertEqual([reference() for reference in gone], [None] * 4)
 
     def test_importing_asks_for_what_it_binds_and_nothing_else(self) -> None:
-        def noting(name: str, *rest: Any) -> Any:
-            asked.append(name)
-            return real(name, *rest)
-
         asked: list[str] = []
         real = builtins.__import__
-        with put(builtins, "__import__", noting):
+        with put(builtins, "__import__", lambda *what: asked.append(what[0]) or real(*what)):
             import_anew()
-        bound = "json logging collections.abc typing".split()
         host = "database vector_codec vector_index wiki_chunk_words wiki_rows".split()
-        bound += [f"tessaly.storage.{name}" for name in host]
-        self.assertEqual(asked, bound)
+        bound = "json logging collections.abc typing".split()
+        self.assertEqual(asked, bound + [f"tessaly.storage.{name}" for name in host])
 
     def test_names_that_a_host_module_takes_away_while_the_store_is_imported(self) -> None:
         class Taking(types.ModuleType):

@@ -18,11 +18,11 @@ MACHINERY = {"__name__", "__doc__", "__package__", "__loader__", "__spec__", "__
 STUB = ast.parse(Path(repository_wiki.__file__).with_name("repository_wiki.pyi").read_bytes())
 
 
-def bound_by(nodes: list[ast.stmt], namespace: dict[str, Any]) -> dict[str, Any]:
-    """The namespace once a part of the stub has run in it."""
-    exec(compile(ast.Module(nodes, []), "stub", "exec", dont_inherit=True), namespace)
-    del namespace["__builtins__"]
-    return namespace
+def bound_by(nodes: list[ast.stmt], names: dict[str, Any]) -> dict[str, Any]:
+    """What a part of the stub binds when it runs where there are these names."""
+    bound: dict[str, Any] = {}
+    exec(compile(ast.Module(nodes, []), "stub", "exec", dont_inherit=True), names, bound)
+    return bound
 
 
 def shape(function: Any) -> tuple[inspect.Signature, list[type]]:
@@ -41,7 +41,7 @@ class Stub(unittest.TestCase):
             self.assertIs(own[name], value, name)
 
     def test_class_has_the_methods_parameters_defaults_and_annotations_of_the_stub(self) -> None:
-        stub = bound_by(STUB.body[-1:], dict(vars(repository_wiki)))["WikiStore"]
+        stub = bound_by(STUB.body[-1:], vars(repository_wiki) | {})["WikiStore"]
         self.assertEqual(stub.__bases__, WikiStore.__bases__)
         self.assertEqual(stub.__annotations__, WikiStore.__annotations__)
         stubbed = {k: v for k, v in vars(stub).items() if isinstance(v, types.FunctionType)}
