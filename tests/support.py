@@ -17,7 +17,6 @@ from collections.abc import Callable, Iterator
 from typing import Any
 from unittest import mock
 
-import tessaly.storage
 from benchmarks.plain_store import PlainWikiStore
 from tessaly.storage.database import Database
 from tessaly.storage.repository_wiki import WikiStore
@@ -32,8 +31,7 @@ STORES: tuple[Any, ...] = (PlainWikiStore, WikiStore)
 class StoreTestCase(unittest.TestCase):
     """Runs every test anew until it has shown that it leaves no memory blocks behind.
 
-    A leak leaves blocks each time; caches and the allocator's habits do not. A test that cannot be
-    repeated, or runs its subject in other processes, says so: ``@not_leak_checked("why")``.
+    A leak leaves blocks each time; caches and the allocator's habits do not.
     """
 
     repeating = False  # true while the test runs again: randomised tests then do less
@@ -41,7 +39,7 @@ class StoreTestCase(unittest.TestCase):
     def _callTestMethod(self, method: Any) -> None:
         method()
         counted = sys.getallocatedblocks() > 0  # not with the allocator of the C library
-        if counted and not self.repeating and not hasattr(method, "no_leak_check"):
+        if counted and not self.repeating:
             self._repeat()
 
     def _repeat(self) -> None:
@@ -58,17 +56,12 @@ class StoreTestCase(unittest.TestCase):
         self.fail(f"memory blocks after each repetition: {counts.tolist()}")
 
 
-def import_anew() -> Any:
-    """Another module object of the store, and the program as it was before."""
-    name = WikiStore.__module__
-    with mock.patch.dict(sys.modules), mock.patch.object(tessaly.storage, "repository_wiki"):
+def import_anew(name: str = WikiStore.__module__) -> Any:
+    """Another module object, and the program as it was before."""
+    package, _, last = name.rpartition(".")
+    with mock.patch.dict(sys.modules), mock.patch.object(sys.modules[package], last):
         del sys.modules[name]
         return importlib.import_module(name)
-
-
-def not_leak_checked(reason: str) -> Callable[[Any], Any]:
-    """Excuses one test from the leak check."""
-    return lambda test: vars(test).update(no_leak_check=reason) or test
 
 
 class DatabaseTestCase(StoreTestCase):

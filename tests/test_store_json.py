@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import builtins
+import contextlib
 import json
 import math
 import random
@@ -14,10 +15,9 @@ from decimal import Decimal
 from typing import Any
 from unittest import mock
 
-from tessaly.storage import repository_wiki
+from benchmarks import trivial_host
 from tests.support import SOAK, StoreTestCase, import_anew
 
-NAME = repository_wiki.__name__
 put = mock.patch.object
 Text = type("Text", (str,), {})
 Whole = type("Whole", (int,), {"__repr__": lambda self: "whole"})
@@ -26,60 +26,48 @@ Items = type("Items", (list,), {})
 Mapping = type("Mapping", (dict,), {"items": lambda self: [("own", 1)]})
 
 
-class Given:
-    """A store that is its own database, transaction and cursor, and whose index is given."""
-
-    def __init__(self) -> None:
-        self.db = self
-        self.parameters: tuple[Any, ...] = ()
-
-    def execute(self, _statement: Any = None, parameters: tuple[Any, ...] = ()) -> Any:
+class Cursor(trivial_host.Cursor):
+    def execute(self, statement: str, parameters: tuple[Any, ...]) -> Cursor:
         if len(parameters) > 2:
             self.parameters = parameters
         return self
 
-    transaction = __enter__ = execute
 
-    def __exit__(self, *_error: object) -> None: ...
+class Subject:
+    """The JSON and the rounding that a module's store does."""
 
-    def fetchone(self) -> Any:
-        return (1,)
-
-    def fetchall(self, *of_the_database: Any) -> list[Any]:
-        return [(1, "p", "t", "r")] if of_the_database else [(1, "text", "[1]")]
+    def __init__(self, module: Any) -> None:
+        module.stored_vectors = trivial_host.stored_vectors
+        self.cursor = Cursor((1,), [(1, "text", "[1]")])
+        self.store = module.WikiStore() if hasattr(module, "WikiStore") else module.PlainWikiStore()
+        self.store.db = trivial_host.Database(rows=[(1, "p", "t", "r")])
+        self.store.db.block = trivial_host.Transaction(self.cursor)
 
     def dumped(self, value: Any) -> str:
-        self.upsert_wiki_page("b", "p", "t", citations=value)
-        return self.parameters[12]
+        self.store.upsert_wiki_page("b", "p", "t", citations=value)
+        return self.cursor.parameters[12]
 
     def dumped_with_chunk(self, value: Any) -> str:
         chunk = {"content": "", "embedding": [], "citations": value}
-        codec = types.SimpleNamespace(encode=bytes)
-        with put(sys.modules[NAME], "stored_vectors", lambda _db: codec):
-            self.replace_wiki_chunks(1, "b", [chunk], "m")
-        return self.parameters[5]
+        self.store.replace_wiki_chunks(1, "b", [chunk], "m")
+        return self.cursor.parameters[5]
 
-    def refreshed(self) -> Any:
-        given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
-        self.update_wiki_page_citations("b", "p", rewrite=str, **given)
-        return self.parameters
+    def refreshed(self, value: Any) -> Any:
+        given = {"content_hash": "h", "build_cache": None, "moves": {}, "rewrite": str}
+        self.store.update_wiki_page_citations("b", "p", citations=value, **given)
+        return self.cursor.parameters
 
     def searched(self, stored: Any, similarities: list[Any]) -> list[Any]:
         index = types.SimpleNamespace(dimension=0, chunks={1: (1, None, "text", stored)})
         index.ranked = lambda *_: [(1, similarity, None) for similarity in similarities]
-        self._wiki_chunk_index = lambda _branch: index
-        return self.search_wiki_chunks([], "b")
+        self.store._wiki_chunk_index = lambda _branch: index
+        return self.store.search_wiki_chunks([], "b")
 
     def loaded(self, text: Any) -> Any:
         return self.searched(text, [0.0])[0]["citations"]
 
     def rounded(self, values: list[Any]) -> list[Any]:
         return [hit["similarity"] for hit in self.searched("", values)]
-
-
-def make_store() -> Any:
-    """Of the module that is imported just now."""
-    return type("Store", (Given, sys.modules[NAME].WikiStore), {})()
 
 
 EVERY = "".join(map(chr, range(0x180))) + "中\ud800\udbff\udc00\udfff\uffff\U00010000\U0010ffff"
@@ -111,7 +99,7 @@ def outcome(function: Callable[[Any], Any], value: Any) -> Any:
 
 class Equality(StoreTestCase):
     def setUp(self) -> None:
-        self.store = make_store()
+        self.store = Subject(import_anew())
 
     def test_what_is_stored_is_what_dumps_gives(self) -> None:
         circle: list[Any] = [1]
@@ -157,70 +145,50 @@ class Equality(StoreTestCase):
         self.assertEqual(outcome(lambda value: self.store.rounded([value]), "1"), expected)
 
 
-CHANGES = [  # of the module json, before the store is imported
+OWN = "types.SimpleNamespace(dumps=lambda value: repr(value), loads=lambda text: (text,))"
+BEFORE_THE_IMPORT = ["json.dumps.__kwdefaults__['sort_keys'] = True"]
+CHANGES = [
+    "json.dumps = repr",
+    "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
     "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
     "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
     "json._default_decoder = json.JSONDecoder(object_hook=lambda one: one.get('path', one))",
     "json._default_decoder = json.JSONDecoder(object_pairs_hook=lambda one: dict(one[:3]))",
     "json._default_decoder = json.JSONDecoder(parse_int=str)",
-    "json.dumps.__kwdefaults__['sort_keys'] = True",
-    "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
     "del json._default_encoder, json._default_decoder",
     "del json.loads; json.JSONEncoder = None",
-    "sys.modules['json'] = types.SimpleNamespace(dumps=repr, loads=lambda text: (text,))",
+    f"sys.modules['json'] = {OWN}",
+    f"builtins.__import__ = lambda name, *_, o=__import__: {OWN} if 'js' in name else o(name, *_)",
+    "builtins.round = lambda *given: given",
 ]
+AFTER_THE_IMPORT = [f"native.json = plain.json = {OWN}", "native.round = plain.round = max"]
 
 
 class Rebinding(StoreTestCase):
-    def test_a_function_that_was_put_in_the_place_of_another_is_called(self) -> None:
-        def import_own(name: str, *rest: Any) -> Any:
-            return own if name == "json" else old_import(name, *rest)
+    def test_functions_that_were_put_in_the_place_of_others_are_called(self) -> None:
+        for change in BEFORE_THE_IMPORT + CHANGES:
+            self.same_results(change, "")
+        for change in CHANGES + AFTER_THE_IMPORT:
+            self.same_results("", change)
 
-        own = types.SimpleNamespace(dumps=lambda _value: "own", loads=lambda _text: ["own"])
-        encoder, decoder = json.JSONEncoder(), json.JSONDecoder()
-        encoder.encode, decoder.decode = own.dumps, own.loads
-        old_import = builtins.__import__
+    def same_results(self, before: str, after: str) -> None:
+        same = [put(builtins, name, getattr(builtins, name)) for name in ("__import__", "round")]
+        same += map(mock.patch.dict, (sys.modules, vars(json), json.dumps.__kwdefaults__))
+        with contextlib.ExitStack() as stack:
+            for patch in same:
+                stack.enter_context(patch)
+            exec(before)
+            plain, native = import_anew("benchmarks.plain_store"), import_anew()
+            exec(after)
+            self.assertEqual(self.results(native), self.results(plain), before + after)
 
-        def seen() -> str:
-            store = make_store()
-            results = {"page": store.dumped([1]), "page without": store.dumped(None)}
-            results |= {"chunk": store.dumped_with_chunk([1]), "search": store.loaded("[1]")}
-            results["refresh"] = store.refreshed()
-            return " ".join(name for name, result in results.items() if "own" in str(result))
-
-        writers = "page page without chunk"
-        table: list[tuple[Any, str]] = [
-            (put(json, "dumps", own.dumps), f"{writers} refresh"),
-            (put(json, "loads", own.loads), "search refresh"),
-            (put(json, "_default_encoder", encoder), f"{writers} refresh"),
-            (put(json, "_default_decoder", decoder), "search refresh"),
-            (put(repository_wiki, "json", own), "search refresh"),
-            (mock.patch.dict(sys.modules, json=own), writers),
-            (put(builtins, "__import__", import_own), writers),
-        ]
-        for number, (patch, seers) in enumerate(table):
-            self.assertEqual(seen(), "")
-            with patch:
-                self.assertEqual(seen(), seers, f"patch {number}")
-        for home in (builtins, repository_wiki):
-            with put(home, "round", lambda *given: given, create=home is not builtins):
-                self.assertEqual(make_store().rounded([0.5]), [(0.5, 4)])
-
-    def test_json_that_was_changed_before_the_import_is_used_as_it_is(self) -> None:
-        citation = {"path": "é", "b": [None, True], "a": {"x": 1}}
-        for change in CHANGES:
-            with mock.patch.dict(sys.modules), mock.patch.dict(vars(json)):
-                with mock.patch.dict(json.dumps.__kwdefaults__):
-                    exec(change)
-                    sys.modules[NAME] = import_anew()
-                    now, store = sys.modules["json"], make_store()
-                    for value in ([], [1], [citation], [1.5]):
-                        expected = outcome(lambda one: now.dumps(one), value)
-                        self.assertEqual(outcome(store.dumped, value), expected, change)
-                        self.assertEqual(outcome(store.dumped_with_chunk, value), expected, change)
-                    for text in ("[]", '[{"b": 1, "path": 2, "a": 3, "x": 4}]', "[1.5]", "["):
-                        expected = outcome(lambda one: now.loads(one), text)
-                        self.assertEqual(outcome(store.loaded, text), expected, change)
+    def results(self, module: Any) -> list[Any]:
+        one = Subject(module)
+        found = [outcome(one.rounded, [0.56789, 2])]
+        for value in (None, [1], [{"path": "é", "b": [None, True], "a": {"x": 1}}], [1.5]):
+            found += [outcome(f, value) for f in (one.dumped, one.dumped_with_chunk, one.refreshed)]
+        texts = ("[]", '[{"b": 1, "path": 2, "a": 3, "x": 4}]', "[1.5]", "[")
+        return found + [outcome(one.loaded, text) for text in texts]
 
 
 if __name__ == "__main__":
