@@ -80,6 +80,15 @@ class DatabaseTestCase(StoreTestCase):
         self.assertEqual(*seen)
         return run
 
+    def at_each_host_call(self, case: Case, act: Act, **given: Any) -> Iterator[Run]:
+        """A run for each call of the host, with the act there, that both stores take alike."""
+        for number in itertools.count(1):
+            with self.subTest(case[0][0], at=number, **given):
+                run = self.same_outcome(case, act, act_at=number, **given)
+                if run.number < number:
+                    return  # was not reached
+                yield run
+
 
 CITED = '[{"path": "src/a.py", "start": 1, "end": 2}, {"path": "x", "start": 3, "end": 4}]'
 ROWS: dict[str, list[tuple[Any, ...]]] = {
@@ -239,6 +248,7 @@ class Run:
         names |= {"ChunkWords": self, "logger": HostObject(self, logging.Logger("silent", 99))}
         self.in_place = mock.patch.dict(vars(self.module), names)
         self.act: Act | None = None
+        self.act_at = 0  # every call
         self.exit_saw: list[Any] = []
         self.exit_answer: Callable[[], bool] = bool  # to an error
         self.row_type: Callable[[Run, Any], Any] = lambda _run, row: row
@@ -267,7 +277,7 @@ class Run:
         self.number += 1
         act, self.act = self.act, None  # what the act itself calls is only recorded
         try:
-            if act is not None:
+            if act is not None and self.act_at in (0, self.number):
                 act(self)
         finally:
             self.act = act
@@ -323,8 +333,3 @@ class Run:
 
 
 Act = Callable[[Run], Any]
-
-
-def at(number: int, act: Act) -> Act:
-    """Acts at one call only."""
-    return lambda run: act(run) if run.number == number else None

@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 from unittest import mock
 
-from tests.support import CALLS_OF_THE_STORE, STORES, DatabaseTestCase, Run, at, fill, tables
+from tests.support import CALLS_OF_THE_STORE, STORES, DatabaseTestCase, Run, fill, tables
 
 TABLE = Path(__file__).parent.parent.joinpath("storage/wiki_store.h").read_text().splitlines()
 
@@ -23,29 +23,27 @@ def fail(run: Run) -> None:
     raise run.raised
 
 
+def inside(run: Run) -> bool:
+    """Whether the fault was within the block of a transaction."""
+    return bool(run.exit_saw and run.exit_saw[0][0])
+
+
 class Faults(DatabaseTestCase):
-    def faults(self, **given: Any) -> Iterator[tuple[Run, bool]]:
-        """A run for every host call of every typical call, with a fault there that both stores take
-        alike; and whether it is inside the block of a transaction."""
+    def faults(self, **given: Any) -> Iterator[Run]:
         for case in CALLS_OF_THE_STORE:
-            calls = Run(STORES[1], self.database, case).go().calls
-            names = [call[0] for call in calls if isinstance(call, tuple)]
-            for number, name in enumerate(names, 1):
-                inside = "__enter__" in names[: number - 1] and "__exit__" in names[number:]
-                with self.subTest(case[0][0], host_call=name, number=number):
-                    yield self.same_outcome(case, at(number, fail), **given), inside
+            yield from self.at_each_host_call(case, fail, **given)
 
     def test_an_error_of_any_host_call_comes_out_unchanged_and_undoes_the_call(self) -> None:
         fill(self.database)
         before = tables(self.database)
-        for run, inside in self.faults():
+        for run in self.faults():
             error: Any = run.error
             self.assertIs(error, run.raised)
             self.assertEqual((error.args, error.__context__, error.__cause__), ((), None, None))
             self.assertEqual(tables(self.database), before)
             if run.cached is not None:
                 self.assertIs(run.entry(), run.cached, "dropped, though nothing was stored")
-            if inside:
+            if inside(run):
                 [(*given, frames, handled)] = run.exit_saw
                 self.assertEqual((given, handled), ([Fault, error], error))
                 self.assertIsNotNone(frames)
@@ -60,16 +58,16 @@ class Faults(DatabaseTestCase):
 
     def test_an_exit_that_swallows_lets_the_method_carry_on(self) -> None:
         counts = {"replace_wiki_chunks": 3, "update_wiki_chunk_embeddings": 2}
-        for run, inside in self.faults(exit_answer=lambda: True):
-            if inside and run.method == "delete_wiki_page":
+        for run in self.faults(exit_answer=lambda: True):
+            if inside(run) and run.method == "delete_wiki_page":
                 self.assertIsInstance(run.error, UnboundLocalError)
                 self.assertRegex(str(run.error), "^cannot access local variable 'removed' where it")
-            elif inside:
+            elif inside(run):
                 self.assertEqual((run.error, run.result), (None, counts.get(run.method)))
 
     def test_an_exit_that_raises_has_its_error_chained_to_the_body_s(self) -> None:
-        for run, inside in self.faults(exit_answer={}.popitem):
-            if inside:
+        for run in self.faults(exit_answer={}.popitem):
+            if inside(run):
                 self.assertIsInstance(run.error, KeyError)
                 self.assertIs(run.error.__context__, run.raised)
                 self.assertIsNone(run.raised.__context__)

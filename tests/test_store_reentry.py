@@ -11,7 +11,7 @@ from collections import OrderedDict
 from collections.abc import Callable
 from typing import Any
 
-from tests.support import CACHE, CALLS_OF_THE_STORE, STORES, Act, DatabaseTestCase, Run, at
+from tests.support import CACHE, CALLS_OF_THE_STORE, Act, DatabaseTestCase, Run
 
 WRITTEN = [{"content": "new", "embedding": [9.0] * 3}]
 NAMES = "WIKI_PAGE_COLUMNS ChunkWords EmbeddingIndex WikiChunkIndex json logger moved_citation"
@@ -72,21 +72,14 @@ for change, those in itertools.product((empty, grow, spoil), (arguments, answers
 
 
 class Reentry(DatabaseTestCase):
-    def setUp(self) -> None:
-        super().setUp()
-        gc.freeze()  # what was there before need not be looked through by every collection
-        self.addCleanup(gc.unfreeze)
-
     def test_any_act_at_any_host_call_has_the_outcome_that_python_code_has(self) -> None:
         for case, (what, act) in itertools.product(CALLS_OF_THE_STORE, ACTS.items()):
-            often = {"row_type": lambda _run, row: list(row)}
-            with self.subTest(case[0][0], act=what, at="every call"):
+            with self.subTest(case[0][0], act=what):
+                often = {"row_type": lambda _run, row: list(row)}
                 self.same_outcome(case, lambda run: run.number < 60 and act(run), **often)
-            for number in itertools.count(1):
-                with self.subTest(case[0][0], act=what, at=number):
-                    run = self.same_outcome(case, at(number, act))
-                if self.repeating or number > run.number:  # the act was not reached
-                    break
+                for _run in self.at_each_host_call(case, act):
+                    if self.repeating:
+                        break
 
 
 class Biting:
@@ -98,9 +91,6 @@ class Biting:
 
     def __hash__(self) -> int:
         return hash(self.value)
-
-    def replace(self, *given: str) -> Biting:
-        return Biting(self.run, self.run.report("replace", self.value.replace, *given))
 
 
 def bite(special: str, answer: Callable[..., Any]) -> Callable[..., Any]:
@@ -118,6 +108,7 @@ for special, answer in {
     "__round__": lambda value, digits: (value, digits),
     "__int__": int,
     "__str__": str,
+    "replace": str.replace,
 }.items():
     setattr(Biting, special, bite(special, answer))
 
@@ -148,12 +139,10 @@ class Bites(DatabaseTestCase):
         ways: Any = [{"row_type": cell}, {"row_type": cells}]
         ways.append({"row_type": cells, "argument_type": argument})
         for case, way in itertools.product(CALLS_OF_THE_STORE, ways):
-            for number in itertools.count(1):
-                for act in (stop, next(acts)):
-                    with self.subTest(case[0][0], **way, at=number):
-                        run = self.same_outcome(case, at(number, act), cell_type=cell, **way)
-                if self.repeating or number > run.number:  # the act was not reached
-                    break
+            for act in (stop, next(acts)):
+                for _run in self.at_each_host_call(case, act, cell_type=cell, **way):
+                    if self.repeating:
+                        break
 
 
 if __name__ == "__main__":
