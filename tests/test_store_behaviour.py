@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import inspect
 import json
-import unittest
 import weakref
 from collections.abc import Callable
 from typing import Any
@@ -185,7 +184,3 @@ class OnSqlite(DatabaseTestCase):
         store.upsert_wiki_state("b", last_built_at="now", page_count=2)
         values = list(store.get_wiki_state("b").values())
         self.assertEqual(values, ["b", "now", None, 0, None, 2, None])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -117,7 +117,3 @@ class Concurrency(unittest.TestCase):
             command = [sys.executable, "-c", PLAIN_HOST + textwrap.dedent(code)]
             done = subprocess.run(command, capture_output=True, text=True, timeout=60)
             self.assertEqual((done.returncode, done.stderr), (0, ""), what)
-
-
-if __name__ == "__main__":
-    unittest.main()

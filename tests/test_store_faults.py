@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import traceback
-import unittest
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -23,11 +22,6 @@ def fail(run: Run) -> None:
     raise run.raised
 
 
-def inside(run: Run) -> bool:
-    """Whether the fault was within the block of a transaction."""
-    return bool(run.exit_saw and run.exit_saw[0][0])
-
-
 class Faults(DatabaseTestCase):
     def faults(self, **given: Any) -> Iterator[Run]:
         for case in CALLS_OF_THE_STORE:
@@ -43,8 +37,8 @@ class Faults(DatabaseTestCase):
             self.assertEqual(tables(self.database), before)
             if run.cached is not None:
                 self.assertIs(run.entry(), run.cached, "dropped, though nothing was stored")
-            if inside(run):
-                [(*given, frames, handled)] = run.exit_saw
+            if run.exit_saw[0]:
+                *given, frames, handled = run.exit_saw
                 self.assertEqual((given, handled), ([Fault, error], error))
                 self.assertIsNotNone(frames)
             # An entry of each native method that it went through, right above the caller's.
@@ -59,15 +53,15 @@ class Faults(DatabaseTestCase):
     def test_an_exit_that_swallows_lets_the_method_carry_on(self) -> None:
         counts = {"replace_wiki_chunks": 3, "update_wiki_chunk_embeddings": 2}
         for run in self.faults(exit_answer=lambda: True):
-            if inside(run) and run.method == "delete_wiki_page":
+            if run.exit_saw[0] and run.method == "delete_wiki_page":
                 self.assertIsInstance(run.error, UnboundLocalError)
                 self.assertRegex(str(run.error), "^cannot access local variable 'removed' where it")
-            elif inside(run):
+            elif run.exit_saw[0]:
                 self.assertEqual((run.error, run.result), (None, counts.get(run.method)))
 
     def test_an_exit_that_raises_has_its_error_chained_to_the_body_s(self) -> None:
         for run in self.faults(exit_answer={}.popitem):
-            if inside(run):
+            if run.exit_saw[0]:
                 self.assertIsInstance(run.error, KeyError)
                 self.assertIs(run.error.__context__, run.raised)
                 self.assertIsNone(run.raised.__context__)
@@ -106,7 +100,3 @@ class Faults(DatabaseTestCase):
         with self.assertRaisesRegex(TypeError, "^'Enters' object .* \\(missed __exit__ method\\)$"):
             STORES[1].upsert_wiki_state(one, "b")
         self.assertEqual(exits, [(late, None, None, None)])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -9,7 +9,6 @@ import math
 import random
 import sys
 import types
-import unittest
 from collections.abc import Callable, Iterator
 from decimal import Decimal
 from typing import Any
@@ -92,8 +91,7 @@ def outcome(function: Callable[[Any], Any], value: Any) -> Any:
     try:
         result = function(value)
     except Exception as error:
-        more = [getattr(error, name, None) for name in ("pos", "lineno", "__notes__")]
-        return type(error), str(error), more
+        return type(error), str(error), getattr(error, "pos", None)
     return type(result), repr(result)
 
 
@@ -107,11 +105,7 @@ class Equality(StoreTestCase):
         values = [circle, *VALUES, *([value, {"k": value}, (1, value)] for value in VALUES)]
         for size in range(990, 1030):  # around what is kept on the stack
             values += [["x" * size, value] for value in (-(2**62), "é\U00010000", None, {"k": []})]
-        deep: Any = []
-        for depth in range(1200):
-            deep = [deep] if depth % 2 else {"d": deep}
-            if depth in (58, 59, 60, 61, 1199):
-                values.append(deep)
+        values += [json.loads('[{"d":' * depth + "1" + "}]" * depth) for depth in (29, 30, 31, 600)]
         for value in values:
             expected = outcome(json.dumps, value)
             self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
@@ -145,13 +139,17 @@ class Equality(StoreTestCase):
         self.assertEqual(outcome(lambda value: self.store.rounded([value]), "1"), expected)
 
 
+def own_encode(_encoder: Any, value: Any) -> str:
+    return "own" if value == [1] else json.JSONEncoder().encode(value)
+
+
 OWN = "types.SimpleNamespace(dumps=lambda value: repr(value), loads=lambda text: (text,))"
 BEFORE_THE_IMPORT = ["json.dumps.__kwdefaults__['sort_keys'] = True"]
 CHANGES = [
     "json.dumps = repr",
     "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
     "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
-    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
+    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': own_encode})()",
     "json._default_decoder = json.JSONDecoder(object_hook=lambda one: one.get('path', one))",
     "json._default_decoder = json.JSONDecoder(object_pairs_hook=lambda one: dict(one[:3]))",
     "json._default_decoder = json.JSONDecoder(parse_int=str)",
@@ -189,7 +187,3 @@ class Rebinding(StoreTestCase):
             found += [outcome(f, value) for f in (one.dumped, one.dumped_with_chunk, one.refreshed)]
         texts = ("[]", '[{"b": 1, "path": 2, "a": 3, "x": 4}]', "[1.5]", "[")
         return found + [outcome(one.loaded, text) for text in texts]
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,10 +3,10 @@ methods: the outcome is that of Python code."""
 
 from __future__ import annotations
 
+import functools
 import gc
 import itertools
 import operator
-import unittest
 from collections import OrderedDict
 from collections.abc import Callable
 from typing import Any
@@ -92,9 +92,8 @@ class Biting:
     def __hash__(self) -> int:
         return hash(self.value)
 
-
-def bite(special: str, answer: Callable[..., Any]) -> Callable[..., Any]:
-    return lambda self, *given: self.run.report(special, answer, self.value, *given)
+    def bite(self, special: str, answer: Callable[..., Any], *given: Any) -> Any:
+        return self.run.report(special, answer, self.value, *given)
 
 
 for special, answer in {
@@ -110,7 +109,7 @@ for special, answer in {
     "__str__": str,
     "replace": str.replace,
 }.items():
-    setattr(Biting, special, bite(special, answer))
+    setattr(Biting, special, functools.partialmethod(Biting.bite, special, answer))
 
 
 def cell(run: Run, value: Any) -> Any:
@@ -136,14 +135,9 @@ class Bites(DatabaseTestCase):
     def test_biting_objects_in_every_place(self) -> None:
         harm = ("empty answers", "empty arguments", "empty the instance", "collect")
         acts = itertools.cycle(ACTS[what] for what in harm)
-        ways: Any = [{"row_type": cell}, {"row_type": cells}]
-        ways.append({"row_type": cells, "argument_type": argument})
+        ways: Any = [{"row_type": cell}, {"row_type": cells, "argument_type": argument}]
         for case, way in itertools.product(CALLS_OF_THE_STORE, ways):
             for act in (stop, next(acts)):
                 for _run in self.at_each_host_call(case, act, cell_type=cell, **way):
                     if self.repeating:
                         break
-
-
-if __name__ == "__main__":
-    unittest.main()
