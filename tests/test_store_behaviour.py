@@ -157,7 +157,7 @@ class OnSqlite(DatabaseTestCase):
     def test_a_query_of_another_length_is_logged_and_finds_nothing(self) -> None:
         with self.assertLogs(native_store.logger, "WARNING") as logged:
             self.assertEqual(self.store.search_wiki_chunks([1.0] * 4, "main"), [])
-        told = "^wiki chunks for 'main' are 3-dim but the query embedding is 4-dim — the embedding b"
+        told = "^wiki chunks for 'main' are 3-dim but the query embedding is 4-dim — the embedding"
         self.assertRegex(logged.records[0].getMessage(), told)
 
     def test_a_refresh_rewrites_the_chunks_of_one_page_and_nothing_else(self) -> None:

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import traceback
-from collections.abc import Iterator
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 from unittest import mock
@@ -23,14 +23,12 @@ def fail(run: Run) -> None:
 
 
 class Faults(DatabaseTestCase):
-    def faults(self, **given: Any) -> Iterator[Run]:
+    def check_faults(self, check: Callable[[Run], None], **given: Any) -> None:
         for case in CALLS_OF_THE_STORE:
-            yield from self.at_each_host_call(case, fail, **given)
+            self.at_each_host_call(case, fail, check, **given)
 
     def test_an_error_of_any_host_call_comes_out_unchanged_and_undoes_the_call(self) -> None:
-        fill(self.database)
-        before = tables(self.database)
-        for run in self.faults():
+        def check(run: Run) -> None:
             error: Any = run.error
             self.assertIs(error, run.raised)
             self.assertEqual((error.args, error.__context__, error.__cause__), ((), None, None))
@@ -50,21 +48,29 @@ class Faults(DatabaseTestCase):
                 self.assertEqual(one.filename, "storage/wiki_store.h")
                 self.assertIn(f"({one.name},", TABLE[one.lineno - 1])
 
+        fill(self.database)
+        before = tables(self.database)
+        self.check_faults(check)
+
     def test_an_exit_that_swallows_lets_the_method_carry_on(self) -> None:
-        counts = {"replace_wiki_chunks": 3, "update_wiki_chunk_embeddings": 2}
-        for run in self.faults(exit_answer=lambda: True):
+        def check(run: Run) -> None:
             if run.exit_saw[0] and run.method == "delete_wiki_page":
                 self.assertIsInstance(run.error, UnboundLocalError)
                 self.assertRegex(str(run.error), "^cannot access local variable 'removed' where it")
             elif run.exit_saw[0]:
                 self.assertEqual((run.error, run.result), (None, counts.get(run.method)))
 
+        counts = {"replace_wiki_chunks": 3, "update_wiki_chunk_embeddings": 2}
+        self.check_faults(check, exit_answer=lambda: True)
+
     def test_an_exit_that_raises_has_its_error_chained_to_the_body_s(self) -> None:
-        for run in self.faults(exit_answer={}.popitem):
+        def check(run: Run) -> None:
             if run.exit_saw[0]:
                 self.assertIsInstance(run.error, KeyError)
                 self.assertIs(run.error.__context__, run.raised)
                 self.assertIsNone(run.raised.__context__)
+
+        self.check_faults(check, exit_answer={}.popitem)
 
     def test_what_is_no_context_manager_is_refused_as_a_with_statement_does(self) -> None:
         class Leaves:

@@ -70,7 +70,7 @@ class Subject:
 
 
 EVERY = "".join(map(chr, range(0x180))) + "中\ud800\udbff\udc00\udfff\uffff\U00010000\U0010ffff"
-VALUES = [*EVERY, "", EVERY, EVERY[:256], "a\xe9b", 0.5, None, True, False, 0, [], {}, b"bytes", {1}]
+VALUES = [*EVERY, "", EVERY, EVERY[:256], 0.5, None, True, False, 0, [], {}, b"bytes", {1}]
 VALUES += [sign * 2**bits + one for bits in (0, 31, 63, 64) for sign in (-1, 1) for one in (-1, 0)]
 VALUES += [Text("t"), Whole(7), Items([1]), Mapping(a=2), {1: 2}, {Text("k"): 1}, {EVERY: ["", 1]}]
 DOCUMENT = '{"k\\u00e9": [1, -20, "é\\"/"], "": {"a": null}}'
@@ -115,7 +115,7 @@ class Equality(StoreTestCase):
         texts: list[Any] = [b"[1]", bytearray(b"{}"), b"\xff", 7, [1], Text("[2]")]
         texts += [json.dumps(EVERY, ensure_ascii=ascii) for ascii in (True, False)]
         texts += [opening * depth for opening in '[{"a":' for depth in (1, 60, 61, 3000)]
-        texts += ["[" * depth + "]" * depth for depth in (60, 61, 62, 900)]
+        texts += ["[" * depth + "]" * depth for depth in (60, 61, 62, 10**5)]
         texts += [json.dumps({"k" * size: EVERY[:size]}) for size in (23, 24, 25, 200)]
         for at in range(0, len(DOCUMENT), 9 if self.repeating else 1):
             before, after = DOCUMENT[:at], DOCUMENT[at:]
