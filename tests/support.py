@@ -328,7 +328,7 @@ class Run:
             "error": describe(self.error),
             "context": describe(self.error and self.error.__context__),
             "calls": self.calls,
-            "cache": list(vars(self.store).get(CACHE) or ()),
+            "cache": list(vars(self.store).get(CACHE, ())),
             "kept": self.entry() is self.cached,
             "tables": tables(self.database),
         }
