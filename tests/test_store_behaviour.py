@@ -24,7 +24,11 @@ class Differential(DatabaseTestCase):
     def test_the_host_sees_the_calls_that_plain_python_makes(self) -> None:
         for case in CALLS_OF_THE_STORE:
             with self.subTest(case[0][0], arguments=case[0][1]):
-                self.assertIsNone(self.same_outcome(case).error)
+                run = self.same_outcome(case)
+                self.assertIsNone(run.error)
+                self.assertFalse([rows for rows in run.answers if rows is run.result])
+                self.same_outcome(case, row_type=lambda _run, row: row[:-1])
+                self.same_outcome(case, row_type=lambda _run, row: row + row[-1:])
 
 
 class OnSqlite(DatabaseTestCase):
