@@ -3,23 +3,21 @@
 from __future__ import annotations
 
 import builtins
+import contextlib
 import json
 import math
 import random
-import subprocess
 import sys
-import textwrap
 import types
-import unittest
 from collections.abc import Callable, Iterator
 from decimal import Decimal
-from fractions import Fraction
 from typing import Any
 from unittest import mock
 
-from tessaly.storage import repository_wiki
-from tests.support import StoreTestCase, not_leak_checked
+from benchmarks import trivial_host
+from tests.support import SOAK, StoreTestCase, import_anew
 
+put = mock.patch.object
 Text = type("Text", (str,), {})
 Whole = type("Whole", (int,), {"__repr__": lambda self: "whole"})
 Real = type("Real", (float,), {"__repr__": lambda self: "real"})
@@ -27,45 +25,42 @@ Items = type("Items", (list,), {})
 Mapping = type("Mapping", (dict,), {"items": lambda self: [("own", 1)]})
 
 
-class Store(repository_wiki.WikiStore):
-    """A store that is its own database, transaction and cursor, and whose index is given."""
-
-    def __init__(self) -> None:
-        self.db = self
-        self.rows = [(1, "text", "[1]")]
-        self.parameters: tuple[Any, ...] = ()
-
-    def execute(self, _statement: Any = None, parameters: tuple[Any, ...] = ()) -> Store:
+class Cursor(trivial_host.Cursor):
+    def execute(self, statement: str, parameters: tuple[Any, ...]) -> Cursor:
         if len(parameters) > 2:
             self.parameters = parameters
         return self
 
-    transaction = __enter__ = execute
 
-    def __exit__(self, *_error: object) -> None: ...
+class Subject:
+    """The JSON and the rounding that a module's store does."""
 
-    def fetchone(self) -> Any:
-        return self.rows[0]
-
-    def fetchall(self, *of_the_database: Any) -> list[Any]:
-        return [(1, "p", "t", "r")] if of_the_database else self.rows
+    def __init__(self, module: Any) -> None:
+        module.stored_vectors = trivial_host.stored_vectors
+        self.cursor = Cursor((1,), [(1, "text", "[1]")])
+        self.store = module.WikiStore() if hasattr(module, "WikiStore") else module.PlainWikiStore()
+        self.store.db = trivial_host.Database(rows=[(1, "p", "t", "r")])
+        self.store.db.block = trivial_host.Transaction(self.cursor)
 
     def dumped(self, value: Any) -> str:
-        self.upsert_wiki_page("b", "p", "t", citations=value)
-        return self.parameters[12]
+        self.store.upsert_wiki_page("b", "p", "t", citations=value)
+        return self.cursor.parameters[12]
 
     def dumped_with_chunk(self, value: Any) -> str:
         chunk = {"content": "", "embedding": [], "citations": value}
-        codec = types.SimpleNamespace(encode=bytes)
-        with mock.patch.object(repository_wiki, "stored_vectors", lambda _db: codec):
-            self.replace_wiki_chunks(1, "b", [chunk], "m")
-        return self.parameters[5]
+        self.store.replace_wiki_chunks(1, "b", [chunk], "m")
+        return self.cursor.parameters[5]
+
+    def refreshed(self, value: Any) -> Any:
+        given = {"content_hash": "h", "build_cache": None, "moves": {}, "rewrite": str}
+        self.store.update_wiki_page_citations("b", "p", citations=value, **given)
+        return self.cursor.parameters
 
     def searched(self, stored: Any, similarities: list[Any]) -> list[Any]:
         index = types.SimpleNamespace(dimension=0, chunks={1: (1, None, "text", stored)})
         index.ranked = lambda *_: [(1, similarity, None) for similarity in similarities]
-        self._wiki_chunk_index = lambda _branch: index
-        return self.search_wiki_chunks([], "b")
+        self.store._wiki_chunk_index = lambda _branch: index
+        return self.store.search_wiki_chunks([], "b")
 
     def loaded(self, text: Any) -> Any:
         return self.searched(text, [0.0])[0]["citations"]
@@ -74,55 +69,21 @@ class Store(repository_wiki.WikiStore):
         return [hit["similarity"] for hit in self.searched("", values)]
 
 
-ALPHABETS = ["abc xyz", 'quote"back\\slash/', "".join(map(chr, range(32))) + "\x7f\x80\xa0"]
-ALPHABETS += ["äßéÿĀ中文", "\ud800\udbff\udc00\udfff\uffff", "\U00010000😀\U0010ffff"]
-EVERY = "".join(map(chr, range(0x900)))
+EVERY = "".join(map(chr, range(0x180))) + "中\ud800\udbff\udc00\udfff\uffff\U00010000\U0010ffff"
+VALUES = [*EVERY, "", EVERY, EVERY[:256], 0.5, None, True, False, 0, [], {}, b"bytes", {1}]
+VALUES += [sign * 2**bits + one for bits in (0, 31, 63, 64) for sign in (-1, 1) for one in (-1, 0)]
+VALUES += [Text("t"), Whole(7), Items([1]), Mapping(a=2), {1: 2}, {Text("k"): 1}, {EVERY: ["", 1]}]
+DOCUMENT = '{"k\\u00e9": [1, -20, "é\\"/"], "": {"a": null}}'
+PIECES = ["", "\ufeff", '"a":', "9" * 18, "9" * 19, *'",:[]{}é中 \n\x1f\x00\f']
+PIECES += "-0 0.5 01 1. 1e ,] ,} NaN -Infinity null true fals - \\x \\u12 \\u00G0 \\u00AF".split()
+PIECES += "\\ud834 \\udd1e \\ud834\\udd1e \\ud834\\u0041 \\ud834\\ue000 \\ud834\\n".split()
 
 
-def random_text(draw: random.Random) -> str:
-    letters = "".join(draw.choices(ALPHABETS, k=draw.randint(1, 3)))
-    return "".join(draw.choices(letters, k=draw.choice((0, 1, 3, 30, 1100))))
-
-
-def random_number(draw: random.Random) -> int | float:
-    whole = draw.choice((-1, 1)) * (2 ** draw.randint(0, 70) + draw.randint(-2, 2))
-    odd = draw.choice((0, -0.0, 1e16, 1e22, 1e-7, 5e-324, sys.float_info.max, 10**18, 10**400))
-    unsure = draw.choice((math.inf, -math.inf, math.nan))
-    return draw.choice((whole, odd, unsure, draw.uniform(-1, 1) * 10 ** draw.randint(-20, 20)))
-
-
-def random_value(draw: random.Random, depth: int = 0) -> Any:
-    kind = draw.randrange(12 if depth < 5 else 6)
-    if kind < 6:
-        plain = (None, True, False, "", 0)
-        return draw.choice((random_text(draw), random_number(draw), draw.choice(plain)))
-    items = [random_value(draw, depth + 1) for _ in range(draw.choice((0, 1, 2, 5)))]
-    if kind < 8:
-        return draw.choice((list, tuple))(items)
-    if kind < 11:
-        return {random_text(draw): item for item in items}
-    odd = [Text("t"), Whole(7), Real(0.5), Items([1]), Mapping(a=2), {1: 2}, {None: 1, True: 2}]
-    odd += [{1.5: Real(2)}, {Text("k"): 1}, b"bytes", {3, 4}, {(1, 2): 3}, object, Decimal(1)]
-    return draw.choice(odd)
-
-
-def mutated(draw: random.Random, text: str) -> str:
-    pieces = ["", "\ufeff", '"a":', "1" * 25, "0.1" + "2" * 80, *'",:[]{}é \n\x1f\x00\f']
-    pieces += "NaN -Infinity null tru - -0 -0.0 01 1. .5 1e 1E+5 1e999 999999999999999999".split()
-    pieces += "\\u00G0 ,] ,} \\u00G0 \\u12 \\ud834 \\udd1e \\ud834\\u0041 \\ud834\\ue000".split()
-    for _ in range(draw.choice((0, 1, 1, 2, 5))):
-        at = draw.randint(0, len(text))
-        text = text[:at] + draw.choice(pieces) + text[at + draw.choice((0, 0, 1, 3)) :]
-    return text
-
-
-def awkward_numbers(draw: random.Random) -> Iterator[Any]:
-    for scale in (1, 0.1, 1e-3, 10, 1e6, 1e10):
-        whole = draw.randint(-(10**5), 10**5)
-        near = (whole + draw.choice((0.5, 0, 0.25))) / 10**4 * scale
-        yield from (near, math.nextafter(near, math.inf), math.nextafter(near, -math.inf), -near)
-    tiny_or_huge = math.ldexp(draw.random(), draw.randint(-1074, 1023)) * draw.choice((-1, 1))
-    yield from (draw.uniform(-1, 1), random_number(draw), tiny_or_huge)
+def awkward_numbers(draw: random.Random) -> Iterator[float]:
+    for scale in (1, 0.1, 1e-3, 1e6, 1e10):
+        near = (draw.randint(-(10**5), 10**5) + draw.choice((0.5, 0, 0.25))) / 10**4 * scale
+        yield from (near, math.nextafter(near, math.inf), math.nextafter(near, -math.inf))
+    yield math.ldexp(draw.random(), draw.randint(-1074, 1023)) * draw.choice((-1, 1))
 
 
 def outcome(function: Callable[[Any], Any], value: Any) -> Any:
@@ -130,153 +91,99 @@ def outcome(function: Callable[[Any], Any], value: Any) -> Any:
     try:
         result = function(value)
     except Exception as error:
-        more = [getattr(error, name, None) for name in ("pos", "lineno", "__notes__")]
-        return type(error), str(error), more
+        return type(error), str(error), getattr(error, "pos", None)
     return type(result), repr(result)
 
 
 class Equality(StoreTestCase):
     def setUp(self) -> None:
-        self.store = Store()
+        self.store = Subject(import_anew())
 
     def test_what_is_stored_is_what_dumps_gives(self) -> None:
-        draw = self.random("dumps")
         circle: list[Any] = [1]
         circle.append({"again": circle})
-        values = [circle, EVERY, {EVERY: "x" * 5000}, "\ud83d\ude00", ["\ud800" * 999]]
-        deep: Any = []
-        for depth in range(1200):
-            deep = [deep] if depth % 2 else {"d": deep}
-            if depth in (50, 58, 59, 60, 61, 62, 70, 1199):
-                values.append(deep)
-        values += [random_value(draw) for _ in range(self.rounds(6000))]
+        values = [circle, *VALUES, *([value, {"k": value}, (1, value)] for value in VALUES)]
+        for size in range(990, 1030):  # around what is kept on the stack
+            values += [["x" * size, value] for value in (-(2**62), "é\U00010000", None, {"k": []})]
+        values += [json.loads('[{"d":' * depth + "1" + "}]" * depth) for depth in (29, 30, 31, 600)]
         for value in values:
             expected = outcome(json.dumps, value)
             self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
         circle.clear()
 
     def test_what_a_search_returns_is_what_loads_gives(self) -> None:
-        draw = self.random("loads")
-        texts: list[Any] = ["\ufeff[]", b"[1]", bytearray(b"{}"), b"\xff", 7, [1], Text("[2]")]
+        texts: list[Any] = [b"[1]", bytearray(b"{}"), b"\xff", 7, [1], Text("[2]")]
         texts += [json.dumps(EVERY, ensure_ascii=ascii) for ascii in (True, False)]
-        texts += [opening * depth for opening in '[{"a":' for depth in (1, 59, 60, 61, 62, 3000)]
-        texts += ["[" * depth + "]" * depth for depth in (59, 60, 61, 62, 900)]
-        for _ in range(self.rounds(12000)):
-            try:
-                text = json.dumps(random_value(draw), ensure_ascii=draw.random() < 0.5)
-            except TypeError:
-                continue
-            texts.append(mutated(draw, draw.choice((text, text[: draw.randint(0, 90)]))))
+        texts += [opening * depth for opening in '[{"a":' for depth in (1, 60, 61, 3000)]
+        texts += ["[" * depth + "]" * depth for depth in (60, 61, 62, 10**5)]
+        texts += [json.dumps({"k" * size: EVERY[:size]}) for size in (23, 24, 25, 200)]
+        for at in range(0, len(DOCUMENT), 9 if self.repeating else 1):
+            before, after = DOCUMENT[:at], DOCUMENT[at:]
+            texts += [before, *(before + piece + after[cut:] for piece in PIECES for cut in (0, 1))]
         for text in texts:
             expected = outcome(lambda text: json.loads(text) if text else [], text)
             self.assertEqual(outcome(self.store.loaded, text), expected, text)
 
     def test_similarities_are_what_round_gives(self) -> None:
-        class Rounds:
-            def __round__(self, digits: int) -> tuple[str, int]:
-                return "rounded", digits
-
-        draw = self.random("round")
-        numbers = [value for _ in range(self.rounds(3000)) for value in awkward_numbers(draw)]
+        draw = random.Random(0)
+        numbers: list[Any] = [0.0, -0.0, math.inf, -math.inf, math.nan, 1e300, 5e-324, -4e-5, 1e11]
         numbers += [half * sign for sign in (1, -1) for half in (5e-5, 1.5e-4, 5.00000000000001e-5)]
-        numbers += [0.0, -0.0, math.inf, -math.inf, math.nan, 1e300, 5e-324, -4e-5, 2.5, True, -7]
-        numbers += [Real(0.12345), Whole(3), Decimal("0.12345"), Fraction(1, 3), Rounds()]
+        for _ in range(100 if self.repeating else 40_000 if SOAK else 2000):
+            numbers += awkward_numbers(draw)
+        numbers += [True, -7, Real(0.12345), Whole(3), Decimal("0.12345")]
         for value, found in zip(numbers, self.store.rounded(numbers), strict=True):
             expected = round(value, 4)
             same = (type(found), repr(found)) == (type(expected), repr(expected))
             self.assertTrue(same, f"round({value!r}, 4): {found!r}, not {expected!r}")
-        for value in (None, "1", [], 1j):
-            expected = outcome(lambda value: round(value, 4), value)
-            self.assertEqual(outcome(lambda value: self.store.rounded([value]), value), expected)
+        expected = outcome(lambda value: round(value, 4), "1")
+        self.assertEqual(outcome(lambda value: self.store.rounded([value]), "1"), expected)
+
+
+def own_encode(_encoder: Any, value: Any) -> str:
+    return "own" if value == [1] else json.JSONEncoder().encode(value)
+
+
+OWN = "types.SimpleNamespace(dumps=lambda value: repr(value), loads=lambda text: (text,))"
+BEFORE_THE_IMPORT = ["json.dumps.__kwdefaults__['sort_keys'] = True"]
+CHANGES = [
+    "json.dumps = repr",
+    "json.loads = lambda text, old=json.loads: 'own' if 'x' in text else old(text)",
+    "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
+    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': own_encode})()",
+    "json._default_decoder = json.JSONDecoder(object_hook=lambda one: one.get('path', one))",
+    "json._default_decoder = json.JSONDecoder(object_pairs_hook=lambda one: dict(one[:3]))",
+    "json._default_decoder = json.JSONDecoder(parse_int=str)",
+    "del json._default_encoder, json._default_decoder",
+    "del json.loads; json.JSONEncoder = None",
+    f"sys.modules['json'] = {OWN}",
+    f"builtins.__import__ = lambda name, *_, o=__import__: {OWN} if 'js' in name else o(name, *_)",
+    "builtins.round = lambda *given: given",
+]
+AFTER_THE_IMPORT = [f"native.json = plain.json = {OWN}", "native.round = plain.round = max"]
 
 
 class Rebinding(StoreTestCase):
-    def test_a_function_that_was_put_in_the_place_of_another_is_called(self) -> None:
-        def refresh() -> Any:
-            store = Store()
-            given = {"citations": [2], "content_hash": "h", "build_cache": None, "moves": {}}
-            store.update_wiki_page_citations("b", "p", rewrite=str, **given)
-            return store.parameters
+    def test_functions_that_were_put_in_the_place_of_others_are_called(self) -> None:
+        for change in BEFORE_THE_IMPORT + CHANGES:
+            self.same_results(change, "")
+        for change in CHANGES + AFTER_THE_IMPORT:
+            self.same_results("", change)
 
-        def import_own(name: str, *rest: Any) -> Any:
-            return own if name == "json" else old_import(name, *rest)
+    def same_results(self, before: str, after: str) -> None:
+        same = [put(builtins, name, getattr(builtins, name)) for name in ("__import__", "round")]
+        same += map(mock.patch.dict, (sys.modules, vars(json), json.dumps.__kwdefaults__))
+        with contextlib.ExitStack() as stack:
+            for patch in same:
+                stack.enter_context(patch)
+            exec(before)
+            plain, native = import_anew("benchmarks.plain_store"), import_anew()
+            exec(after)
+            self.assertEqual(self.results(native), self.results(plain), before + after)
 
-        own = types.SimpleNamespace(dumps=lambda _value: "own", loads=lambda _text: ["own"])
-        encoder, decoder = json.JSONEncoder(), json.JSONDecoder()
-        encoder.encode, decoder.decode = own.dumps, own.loads
-        old_import = builtins.__import__
-        calls: dict[str, Callable[[], Any]] = {
-            "page": lambda: Store().dumped([1]),
-            "page without": lambda: Store().dumped(None),
-            "chunk": lambda: Store().dumped_with_chunk([1]),
-            "search": lambda: Store().loaded("[1]"),
-            "refresh": refresh,
-        }
-        put = mock.patch.object
-        writers = "page page without chunk"
-        table: list[tuple[Any, str]] = [
-            (put(json, "dumps", own.dumps), f"{writers} refresh"),
-            (put(json, "loads", own.loads), "search refresh"),
-            (put(json, "_default_encoder", encoder), f"{writers} refresh"),
-            (put(json, "_default_decoder", decoder), "search refresh"),
-            (put(repository_wiki, "json", own), "search refresh"),
-            (mock.patch.dict(sys.modules, json=own), writers),
-            (put(builtins, "__import__", import_own), writers),
-        ]
-        for number, (patch, seers) in enumerate(table):
-            genuine = [str(call()) for call in calls.values()]
-            self.assertFalse([text for text in genuine if "own" in text])
-            with patch:
-                seen = [name for name, call in calls.items() if "own" in str(call())]
-            self.assertEqual(" ".join(seen), seers, f"patch {number}")
-        for home in (builtins, repository_wiki):
-            with put(home, "round", lambda *given: given, create=home is not builtins):
-                self.assertEqual(Store().rounded([0.5]), [(0.5, 4)])
-        with put(builtins, "__import__", side_effect=ImportError("none")):
-            self.assertRaisesRegex(ImportError, "none", calls["page"])
-        with mock.patch.dict(sys.modules, json=None):
-            self.assertRaisesRegex(ImportError, "import of json halted", calls["chunk"])
-
-    @not_leak_checked("the subject runs in processes of its own")
-    def test_json_that_was_changed_before_the_import_is_used_as_it_is(self) -> None:
-        for change in CHANGES:
-            source = textwrap.dedent(CHANGED).format(change=change)
-            done = subprocess.run([sys.executable, "-c", source], capture_output=True, text=True)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), change)
-
-
-CHANGES = [
-    "pass",
-    "json._default_encoder = json.JSONEncoder(ensure_ascii=False)",
-    "json._default_encoder = type('Own', (json.JSONEncoder,), {'encode': repr})()",
-    "json._default_decoder = json.JSONDecoder(object_pairs_hook=OrderedDict)",
-    "json._default_decoder = json.JSONDecoder(object_hook=lambda d: 'hit' if 'path' in d else d)",
-    "json._default_decoder = json.JSONDecoder(parse_int=str)",
-    "json.JSONEncoder.encode = lambda self, value: repr(value)",
-    "json.JSONDecoder.decode = lambda self, text: [text]",
-    "json.dumps.__kwdefaults__['sort_keys'] = True",
-    "json.dumps.__kwdefaults__ = json.dumps.__kwdefaults__ | {'indent': 1}",
-    "json.loads.__kwdefaults__['parse_int'] = str",
-    "json.dumps.__code__ = (lambda obj, **options: str(obj)).__code__",
-    "json.loads = lambda text: ['own', text]",
-    "json.dumps = eval('lambda value: [1][value == 5:]', vars(json))",
-    "del json._default_encoder, json._default_decoder",
-    "del json.loads; json.JSONEncoder = None",
-    "sys.modules['json'] = types.SimpleNamespace(dumps=repr, loads=lambda text: (text,))",
-]
-CHANGED = """
-    import json, sys, types
-    from collections import OrderedDict
-    {change}
-    from tests.test_store_json import Store, outcome
-    json = sys.modules["json"]
-    for value in ([], [1], [{{"path": "é", "b": [None, True], "a": 1}}], [1.5], [object]):
-        for dumped in (Store().dumped, Store().dumped_with_chunk):
-            assert outcome(dumped, value) == outcome(lambda one: json.dumps(one), value), value
-    for text in ('[]', '[{{"path": "x", "n": 1}}]', '{{"b": [1], "a": 2}}', '[1.5]', '[', 'é'):
-        assert outcome(Store().loaded, text) == outcome(lambda one: json.loads(one), text), text
-"""
-
-
-if __name__ == "__main__":
-    unittest.main()
+    def results(self, module: Any) -> list[Any]:
+        one = Subject(module)
+        found = [outcome(one.rounded, [0.56789, 2])]
+        for value in (None, [1], [{"path": "é", "b": [None, True], "a": {"x": 1}}], [1.5]):
+            found += [outcome(f, value) for f in (one.dumped, one.dumped_with_chunk, one.refreshed)]
+        texts = ("[]", '[{"b": 1, "path": 2, "a": 3, "x": 4}]', "[1.5]", "[")
+        return found + [outcome(one.loaded, text) for text in texts]
