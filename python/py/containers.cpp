@@ -25,11 +25,6 @@ std::optional<Owned> copy_if_exact(Handle rows, std::initializer_list<Exact> typ
 }
 
 void unpack_into(Handle object, std::size_t expected, std::optional<Owned>* items) {
-  if (PyTuple_CheckExact(object.ptr()) && tuple_size(object) == expected) {
-    for (std::size_t i = 0; i < expected; ++i)
-      items[i] = Owned::borrow(PyTuple_GET_ITEM(object.ptr(), static_cast<Py_ssize_t>(i)));
-    return;
-  }
   PyObject* raw = PyObject_GetIter(object.ptr());
   if (raw == nullptr) {
     const bool iterable = Py_TYPE(object.ptr())->tp_iter || PySequence_Check(object.ptr());

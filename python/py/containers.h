@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "py/objects.h"
@@ -41,6 +42,8 @@ inline PyObject* into_reference(Owned&& owned) { return owned.release(); }
 /// A new tuple; owned rvalues are moved in, everything else is referenced. Runs no Python code.
 template <typename... Items>
 Owned tuple(Items&&... items) {
+  if constexpr ((std::is_lvalue_reference_v<Items> && ...))
+    return Owned::steal(PyTuple_Pack(sizeof...(Items), Handle(items).ptr()...));
   Owned made = Owned::steal(PyTuple_New(sizeof...(Items)));
   [[maybe_unused]] Py_ssize_t position = 0;
   ((PyTuple_SET_ITEM(made.ptr(), position++, detail::into_reference(std::forward<Items>(items)))),
@@ -101,6 +104,10 @@ void unpack_into(Handle object, std::size_t expected, std::optional<Owned>* item
 /// `a, b, ... = object`: exactly `Count` values.
 template <std::size_t Count>
 std::array<Owned, Count> unpack(Handle object) {
+  if (PyTuple_CheckExact(object.ptr()) && tuple_size(object) == Count)
+    return [object]<std::size_t... I>(std::index_sequence<I...>) {
+      return std::array<Owned, Count>{Owned::borrow(PyTuple_GET_ITEM(object.ptr(), I))...};
+    }(std::make_index_sequence<Count>());
   std::array<std::optional<Owned>, Count> items;
   unpack_into(object, Count, items.data());
   return [&items]<std::size_t... I>(std::index_sequence<I...>) {
