@@ -8,17 +8,17 @@ import logging
 import os
 import sqlite3
 import sys
+import time
 from collections.abc import Sequence
 
 from demo import VERSION
-from demo.answers import answer, prompt
 from demo.build import Interrupted, Result, build
 from demo.embedder import chosen_embedder
 from demo.errors import UserError
 from demo.export import export
-from demo.listing import print_branches, print_page, print_pages, print_status
+from demo.printing import answer, print_branches, print_page, print_pages, prompt
 from demo.search import Searcher
-from demo.show import Progress, duration, plural
+from demo.show import duration, erased, plural
 from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
 
 PROGRAM = "wiki"
@@ -81,7 +81,6 @@ def _parser() -> argparse.ArgumentParser:
     sub.add_argument("folder", metavar="DIR", help="new, empty, or an export to replace")
     sub = command("branches", "list the branches that have a wiki", "--repo", "--json")
     sub.add_argument("--delete", metavar="NAME", help="delete the wiki of this branch instead")
-    command("status", "tell where the wiki stands; changes nothing", "--repo", "--json")
     return parser
 
 
@@ -95,7 +94,8 @@ def _run(options: argparse.Namespace) -> None:
     if options.command == "build":
         with wiki_to_build(options.repo, options.db, options.branch) as wiki:
             embedder = chosen_embedder(wiki, options.embedder)
-            _print_result(build(wiki, embedder, Progress()))
+            began = time.monotonic()
+            _print_result(build(wiki, embedder), began)
             if options.db is None:
                 print(f"wiki: {wiki.database}")
         return
@@ -117,22 +117,20 @@ def _run(options: argparse.Namespace) -> None:
         elif options.command == "pages":
             print_pages(wiki, options.json)
         elif options.command == "export":
-            count, first = export(wiki, options.folder, Progress())
+            count, first = export(wiki, options.folder)
             print(f"{plural(count, 'page')}: open {first}")
         elif doomed:
             print(f"{plural(delete_branch(wiki, doomed), 'page')} of branch '{doomed}' deleted")
-        elif options.command == "branches":
-            print_branches(branches(wiki), options.json)
         else:
-            print_status(wiki, options.json)
+            print_branches(branches(wiki), options.json)
 
 
-def _print_result(plan: Result) -> None:
+def _print_result(plan: Result, began: float) -> None:
     done = [(plan.built, "built"), (plan.moved, "moved")]
     done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
     chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(plan.seconds)}")
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(time.monotonic() - began)}")
     reasons = plan.left_out.most_common()
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
     if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
@@ -171,5 +169,5 @@ def main(arguments: Sequence[str] | None = None) -> int:
 
 
 def _fail(message: str, status: int) -> int:
-    print(f"{PROGRAM}: {' '.join(message.split())}", file=sys.stderr)
+    print(f"{erased()}{PROGRAM}: {' '.join(message.split())}", file=sys.stderr)
     return status

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import json
 import re
 from collections.abc import Iterable
 from dataclasses import dataclass
@@ -14,9 +13,7 @@ from demo.imports import named_files
 from demo.languages import LICENCE
 from demo.sections import Outline, Section, comment_paragraphs, outline, plain
 from demo.show import plural
-from demo.source_tree import Source
-
-FORMAT = 2  # raise it when drafting changes, so that the next build drafts every page anew
+from demo.source_tree import FORMAT, Source
 
 _LOW = re.compile(
     r"(?:^|/)(?:tests?|testing|examples?|\w+_test|fixtures?)/|(?:^|/)test_|_test\.\w+$"
@@ -43,30 +40,6 @@ class Draft:
     chunks: list[dict[str, Any]]
 
 
-@dataclass(frozen=True, slots=True)
-class BuildCache:
-    """What a page remembers of its source, to tell a shift of lines from a change of text."""
-
-    digest: str
-    head: str
-    sections: list[tuple[int, int, str]]  # start, end, digest of heading and text
-    names: list[str]  # of the files that the source imports, as ``named_files`` gives them
-
-    def dump(self) -> str:
-        """The text kept in the page's ``build_cache``."""
-        return json.dumps([FORMAT, self.digest, self.head, self.sections, self.names])
-
-    @staticmethod
-    def parse(stored: str | None) -> BuildCache | None:
-        """The kept text read back; None when there is none or it is of another format."""
-        try:
-            kept, digest, head, sections, names = json.loads(stored or "null")
-            ranges = [(int(start), int(end), str(text)) for start, end, text in sections]
-            return BuildCache(digest, head, ranges, list(names)) if kept == FORMAT else None
-        except (ValueError, TypeError):
-            return None
-
-
 def draft_page(source: Source) -> Draft:
     """The page of one file; the same bytes always give the same draft."""
     cut = outline(source.language, source.text())
@@ -76,8 +49,7 @@ def draft_page(source: Source) -> Draft:
     description = _description(source, cut)
     folder = str(PurePosixPath(source.path).parent)
     chunks = [_chunk(source.path, cut, section) for section in cut.sections]
-    texts = [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections]
-    head, names = _digest(title, description, *cut.symbols), named_files(source.path, cut.lines)
+    texts = (text for one in cut.sections for text in (one.heading, cut.text(one)))
     fields = {
         "title": title,
         "description": description,
@@ -89,17 +61,18 @@ def draft_page(source: Source) -> Draft:
         "source_hashes": {source.path: source.digest},
         "symbols": cut.symbols[:200],
         "citations": [_citation(source.path, section) for section in cut.sections],
-        "content_hash": _digest(*(chunk["content"] for chunk in chunks)),
+        "content_hash": _digest(str(FORMAT), title, description, *cut.symbols, *texts),
         "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
-        "build_cache": BuildCache(source.digest, head, texts, names).dump(),
+        "build_cache": "\n".join(named_files(source.path, cut.lines)),
         "page_type": source.language.kind,
     }
     return Draft(source.path, fields, chunks)
 
 
-def embedding_text(title: str, heading: str, content: str) -> str:
+def embedding_text(draft: Draft, chunk: dict[str, Any]) -> str:
     """What an embedder is given of a chunk: title, heading and source, without the line numbers."""
-    return f"{title}\n{heading}\n{content.partition('\n')[2]}"
+    source = chunk["content"].partition("\n")[2]
+    return f"{draft.fields['title']}\n{chunk['heading']}\n{source}"
 
 
 def _digest(*texts: str) -> str:

@@ -15,7 +15,7 @@ from posixpath import basename, dirname
 from typing import Any
 
 from demo.errors import UserError
-from demo.show import Progress, plural
+from demo.show import plural, tracked
 from demo.wiki import Wiki
 
 _GENERATOR = '<meta name="generator" content="wiki export">'
@@ -28,7 +28,7 @@ _Page = dict[str, Any]
 _Section = tuple[str, int, int, str]  # heading, first and last line, text
 
 
-def export(wiki: Wiki, folder: str, progress: Progress) -> tuple[int, Path]:
+def export(wiki: Wiki, folder: str) -> tuple[int, Path]:
     """Writes the pages and returns their number and the file to open first.
 
     UserError when the folder holds something else than an earlier export, which is replaced.
@@ -46,11 +46,8 @@ def export(wiki: Wiki, folder: str, progress: Progress) -> tuple[int, Path]:
     front.write_text(site.front(), "utf-8")  # first: an export that is cut short may be repeated
     for asset in _ASSETS:
         (target / asset).write_bytes(Path(__file__).with_name(asset).read_bytes())
-    progress.start("writing", len(pages))
-    for page_id, page in pages.items():
-        (target / "pages" / site.files[page_id]).write_text(site.page(page), "utf-8")
-        progress.step()
-    progress.finish()
+    for page_id in tracked("writing", list(pages)):
+        (target / "pages" / site.files[page_id]).write_text(site.page(pages[page_id]), "utf-8")
     for old in set(target.glob("pages/*.html")):
         if old.name not in site.names:
             old.unlink()

@@ -6,6 +6,7 @@ import os
 import shutil
 import sys
 import time
+from collections.abc import Iterator, Sequence
 from typing import TextIO
 
 _REDRAW_SECONDS = 0.1
@@ -54,39 +55,29 @@ def styled(style: str, text: str) -> str:
     return f"\x1b[{dict(bold=1, dim=2, path=36)[style]}m{text}\x1b[0m"
 
 
-class Progress:
-    """A bar on standard error, redrawn at most ten times a second and wiped when finished."""
-
-    def __init__(self) -> None:
-        self._on = is_terminal(sys.stderr)
-        self.start("", 0)
-
-    def start(self, label: str, total: int) -> None:
-        """Begins a new bar of ``total`` steps."""
-        self._label, self._total, self._done = label, total, 0
-        self._began, self._drawn = time.monotonic(), 0.0
-
-    def step(self) -> None:
-        """One more step is done."""
-        self._done += 1
+def tracked[Item](label: str, items: Sequence[Item]) -> Iterator[Item]:
+    """The items; meanwhile a bar on standard error, if that is a terminal, wiped at the end."""
+    began, drawn = time.monotonic(), 0.0
+    for done, item in enumerate(items):
+        yield item
         now = time.monotonic()
-        if self._on and now - self._drawn >= _REDRAW_SECONDS:
-            self._drawn = now
-            self._draw(now - self._began)
+        if is_terminal(sys.stderr) and now - drawn >= _REDRAW_SECONDS:
+            _draw(label, done + 1, len(items), now - began)
+            drawn = now
+    print(erased(), end="", file=sys.stderr, flush=True)
 
-    def finish(self) -> None:
-        """Wipes the bar."""
-        if self._on and self._drawn:
-            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
-            self._drawn = 0.0
 
-    def _draw(self, seconds: float) -> None:
-        total = max(self._total, self._done)
-        figures = f" {self._done:,}/{total:,}"
-        if seconds > 2:
-            figures += f"  {duration(seconds / self._done * (total - self._done))} left"
-        columns = shutil.get_terminal_size((80, 24)).columns - 1
-        room = max(0, min(40, columns - len(self._label) - len(figures) - 3))
-        bar = f" [{'#' * (room * self._done // total):.<{room}}]"
-        line = cut(self._label + bar + figures, columns)
-        print(f"\r{line}\x1b[K", end="", file=sys.stderr, flush=True)
+def erased() -> str:
+    """What takes a bar away, so that a message may stand in its place."""
+    return "\r\x1b[K" if is_terminal(sys.stderr) else ""
+
+
+def _draw(label: str, done: int, total: int, seconds: float) -> None:
+    figures = f" {done:,}/{total:,}"
+    if seconds > 2:
+        figures += f"  {duration(seconds / done * (total - done))} left"
+    columns = shutil.get_terminal_size((80, 24)).columns - 1
+    room = max(0, min(40, columns - len(label) - len(figures) - 3))
+    bar = f" [{'#' * (room * done // total):.<{room}}]"
+    line = cut(label + bar + figures, columns)
+    print(f"{erased()}{line}", end="", file=sys.stderr, flush=True)

@@ -125,7 +125,8 @@ def branches(wiki: Wiki) -> list[dict[str, Any]]:
     rows = []
     for page in wiki.repository.get_wiki_pages(_CATALOGUE):
         state = wiki.repository.get_wiki_state(page["page_id"]) or {}
-        told = {name: state.get(name) for name in ("page_count", "last_built_at")}
+        told = {"page_count": state.get("page_count", 0)}
+        told["last_built_at"] = state.get("last_built_at")
         rows.append({"branch": page["page_id"], "repository": page["rel_path"], **told})
     return rows
 

@@ -1,0 +1,144 @@
+"""What the commands print: answers, once or at a prompt, pages and branches."""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import sys
+import time
+from dataclasses import asdict
+from difflib import get_close_matches
+from typing import Any
+
+from demo.errors import UserError
+from demo.hashed_features import telling_stems
+from demo.search import Hit, Searcher
+from demo.show import cut, cut_left, duration, is_terminal, plural, styled, width
+from demo.wiki import Wiki
+
+EXCERPT_LINES = 2
+_SHORT_FIELDS = "page_id title importance description summary symbols related_pages citations"
+
+
+def print_json(value: Any) -> None:
+    """For other programs."""
+    print(json.dumps(value, indent=2))
+
+
+def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
+    """Asks once; a terminal is told how long it took. UserError when no question is asked."""
+    if not question.strip():
+        raise UserError("the question is empty")
+    began = time.monotonic()
+    hits = searcher.ask(question, top_k)
+    taken = time.monotonic() - began
+    if as_json:
+        print_json([asdict(hit) for hit in hits])
+        return
+    if not hits:
+        print("nothing found")
+    for number, hit in enumerate(hits, 1):
+        _print_hit(f"{number:>2}. ", hit, set(telling_stems(question)))
+    if is_terminal(sys.stdout):
+        print(styled("dim", f"{plural(len(hits), 'file')} in {duration(taken)}"))
+
+
+def _print_hit(rank: str, hit: Hit, words: set[str]) -> None:
+    """Up to four lines; a path is cut last, and from its left."""
+    columns = width()
+    place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank))
+    scores = f"  {hit.score:.4g} (cosine {hit.similarity:.2f})"
+    scores = scores if len(rank + place + scores) <= columns else ""
+    print(f"{rank}{styled('path', place)}{styled('dim', scores)}")
+    names = [hit.title] if hit.title != hit.path else []
+    names += [hit.heading] if hit.heading != hit.title else []
+    more = f"  (+{hit.more} more)" if hit.more else ""
+    heading = cut(": ".join(names), columns - 4 - len(more))
+    print(f"    {styled('bold', heading)}{styled('dim', more)}")
+    for line in hit.excerpt(words, EXCERPT_LINES):
+        print(styled("dim", "    | ") + cut(line.strip(), columns - 6))
+
+
+def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
+    """Questions line by line until the input ends; the index stays loaded between them."""
+    asked_by_person = is_terminal(sys.stdin) and is_terminal(sys.stdout)
+    if asked_by_person:
+        with contextlib.suppress(ImportError):
+            import readline  # noqa: F401  (arrow keys and history)
+        print("The first question loads the index; an empty line ends.")
+    while True:
+        try:
+            question = input("? " if asked_by_person else "").strip()
+        except (EOFError, KeyboardInterrupt):
+            print(end="\n" * asked_by_person)
+            return
+        except UnicodeDecodeError as error:
+            raise UserError(f"a question is not text: {error}") from error
+        if question:
+            answer(searcher, question, top_k, as_json)
+        elif asked_by_person:
+            return
+
+
+def print_pages(wiki: Wiki, as_json: bool) -> None:
+    """One line a page: importance, sections, id and description, cut to the terminal's width."""
+    pages = wiki.repository.get_wiki_pages(wiki.branch)
+    if as_json:
+        print_json([_short(page) for page in pages])
+        return
+    columns = width()
+    room = min(max((len(page["page_id"]) for page in pages), default=0), columns // 2)
+    for page in pages:
+        words = page["description"] if page["status"] == "built" else "(not finished)"
+        figures = f"{page['importance']:<6} {len(page['citations']):>4}  "
+        name = styled("path", cut_left(page["page_id"], room).ljust(room))
+        rest = cut(words, columns - len(figures) - room - 2)
+        print(f"{styled('dim', figures)}{name}  {rest}".rstrip())
+
+
+def print_page(wiki: Wiki, typed: str, as_json: bool) -> None:
+    """Everything about one page; UserError with a suggestion when there is no such page."""
+    page_id = _path_in_tree(wiki, typed)
+    page = wiki.repository.get_wiki_page(wiki.branch, page_id)
+    if page is None:
+        known = [page["page_id"] for page in wiki.repository.get_wiki_pages(wiki.branch)]
+        like = [one for one in known if one.endswith("/" + os.path.basename(page_id))][:3]
+        like = like or get_close_matches(page_id, known, 3)
+        hint = f": did you mean {' or '.join(like)}?" if like else " (see 'pages')"
+        raise UserError(f"branch '{wiki.branch}' has no page '{page_id}'{hint}")
+    if as_json:
+        print_json(_short(page))
+        return
+    columns = width()
+    print(styled("bold", cut(page["title"], columns)))
+    for line in (page["description"], f"{page['summary']}, {page['importance']} importance"):
+        print(cut(line, columns))
+    for _chunk, owner, _title, heading, content in wiki.repository.wiki_chunk_texts(wiki.branch):
+        if owner == page_id:
+            lines = content.partition("\n")[0].rpartition(":")[2]
+            print(f"  {styled('dim', lines.rjust(11))}  {cut(heading, columns - 15)}")
+    for other in page["related_pages"]:
+        print(f"  {styled('dim', 'uses'.rjust(11))}  {cut_left(other, columns - 15)}")
+
+
+def _short(page: dict[str, Any]) -> dict[str, Any]:
+    return {name: page[name] for name in _SHORT_FIELDS.split()}
+
+
+def _path_in_tree(wiki: Wiki, typed: str) -> str:
+    """A path as typed, made relative to the tree if it names a file in it from here."""
+    if (wiki.root / typed).exists() and not os.path.isabs(typed):
+        return os.path.normpath(typed)
+    relative = os.path.relpath(os.path.realpath(typed), wiki.root)
+    return typed if relative.startswith("..") else relative
+
+
+def print_branches(found: list[dict[str, Any]], as_json: bool) -> None:
+    """One line a branch of the database."""
+    if as_json:
+        print_json(found)
+        return
+    for one in found:
+        built = f"built {one['last_built_at'][:19]} UTC" if one["last_built_at"] else "not finished"
+        print(f"{one['branch']}: {plural(one['page_count'], 'page')}, {built}, {one['repository']}")
