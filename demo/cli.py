@@ -16,7 +16,7 @@ from demo.build import Interrupted, Result, build
 from demo.embedder import chosen_embedder
 from demo.errors import UserError
 from demo.export import export
-from demo.printing import answer, print_branches, print_page, print_pages, prompt
+from demo.printing import answer, print_branches, print_pages, prompt
 from demo.search import Searcher
 from demo.show import duration, erased, plural
 from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
@@ -27,13 +27,10 @@ _EXAMPLES = """examples:
   wiki build ~/src/project
   wiki search "how are transactions rolled back"
   wiki export /tmp/pages"""
-_BUILD = """Only files that changed since the last build are drafted and embedded again; of
-those that only shifted the citations move. Pages of files that are gone are
-deleted. A build that was stopped continues where it was.
-
-An embedder is a function that takes a list of texts and returns a list of equally
-long lists of numbers. The wiki remembers it; naming another one embeds everything
-again ("hashed-features" is the built-in one)."""
+_EMBEDDER = (
+    "from a list of texts to a list of equally long lists of numbers; the wiki remembers it, and"
+    " another one embeds everything again (built in: hashed-features)"
+)
 _LEFT_OUT_SHOWN = 8
 _ADVICE = "; if that stays, delete the database file and build again"
 
@@ -46,30 +43,27 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _parser() -> argparse.ArgumentParser:
-    raw = argparse.RawDescriptionHelpFormatter
     about = "Builds and searches the wiki of a source tree, offline."
+    raw = argparse.RawDescriptionHelpFormatter
     parser = _Parser(prog=PROGRAM, description=about, epilog=_EXAMPLES, formatter_class=raw)
     parser.add_argument("--version", action="version", version=f"{PROGRAM} {VERSION}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    def command(name: str, purpose: str, *shared: str, more: str = "") -> argparse.ArgumentParser:
-        sub = commands.add_parser(
-            name, help=purpose, description=f"{purpose}.\n\n{more}", formatter_class=raw
-        )
+    def command(name: str, purpose: str, *options: str) -> argparse.ArgumentParser:
+        sub = commands.add_parser(name, help=purpose, description=f"{purpose}.")
         for option, metavar, about in (
             ("--db", "FILE", "the database (default: one in your cache for each tree)"),
             ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
             ("--repo", "DIR", "the tree (default: this folder or one above it)"),
-            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: as the wiki was built)"),
+            ("--embedder", "MODULE:FUNCTION", _EMBEDDER),
         ):
-            if option in ("--db", "--branch", *shared):
+            if option in ("--db", "--branch", *options):
                 sub.add_argument(option, metavar=metavar, help=about)
-        if "--json" in shared:
+        if "--json" in options:
             sub.add_argument("--json", action="store_true", help="print JSON")
         return sub
 
-    build = "build the wiki of a tree, or bring it up to date"
-    sub = command("build", build, "--embedder", more=_BUILD)
+    sub = command("build", "build the wiki of a tree, or bring it up to date", "--embedder")
     sub.add_argument("repo", metavar="REPO", nargs="?", default=".", help="default: this folder")
     find = "find the files that answer a question"
     sub = command("search", find, "--repo", "--embedder", "--json")
@@ -93,29 +87,24 @@ def _count(text: str) -> int:
 def _run(options: argparse.Namespace) -> None:
     if options.command == "build":
         with wiki_to_build(options.repo, options.db, options.branch) as wiki:
-            embedder = chosen_embedder(wiki, options.embedder)
             began = time.monotonic()
-            _print_result(build(wiki, embedder), began)
+            _print_result(build(wiki, chosen_embedder(wiki, options.embedder)), began)
             if options.db is None:
                 print(f"wiki: {wiki.database}")
         return
     doomed = getattr(options, "delete", None)
-    branch = doomed or options.branch
-    if branch is None and options.command == "branches":
-        branch = ANY_BRANCH
+    branch = doomed or options.branch or (ANY_BRANCH if options.command == "branches" else None)
     with built_wiki(options.repo, options.db, branch, bool(doomed)) as wiki:
         if options.command == "search":
             searcher = Searcher(wiki, chosen_embedder(wiki, options.embedder))
-            if (note := searcher.note()) is not None:
+            if note := searcher.note():
                 print(f"{PROGRAM}: {note}", file=sys.stderr)
             if options.question:
                 answer(searcher, " ".join(options.question), options.top, options.json)
             else:
                 prompt(searcher, options.top, options.json)
-        elif options.command == "pages" and options.page:
-            print_page(wiki, options.page, options.json)
         elif options.command == "pages":
-            print_pages(wiki, options.json)
+            print_pages(wiki, options.page, options.json)
         elif options.command == "export":
             count, first = export(wiki, options.folder)
             print(f"{plural(count, 'page')}: open {first}")

@@ -23,14 +23,8 @@ def _git(root: Path, *arguments: str) -> tuple[int, bytes]:
     """Exit status and output of one git command run in ``root``; -1 when there is no git."""
     environment = {k: v for k, v in os.environ.items() if not k.startswith("GIT_")}
     try:
-        done = subprocess.run(
-            ["git", "-C", str(root), *arguments],
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-            env=environment,
-            check=False,
-        )
+        call = ["git", "-C", str(root), *arguments]
+        done = subprocess.run(call, capture_output=True, env=environment, check=False)
     except OSError:
         return -1, b""
     return done.returncode, done.stdout

@@ -18,7 +18,9 @@ from demo.show import cut, cut_left, duration, is_terminal, plural, styled, widt
 from demo.wiki import Wiki
 
 EXCERPT_LINES = 2
-_SHORT_FIELDS = "page_id title importance description summary symbols related_pages citations"
+_JSON_FIELDS = "page_id title importance description summary symbols related_pages citations"
+
+_Page = dict[str, Any]
 
 
 def print_json(value: Any) -> None:
@@ -81,12 +83,37 @@ def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
             return
 
 
-def print_pages(wiki: Wiki, as_json: bool) -> None:
-    """One line a page: importance, sections, id and description, cut to the terminal's width."""
+def print_pages(wiki: Wiki, typed: str | None, as_json: bool) -> None:
+    """Each page in a line, or everything about the one that was named."""
     pages = wiki.repository.get_wiki_pages(wiki.branch)
+    page = _named(wiki, typed, pages) if typed else None
     if as_json:
-        print_json([_short(page) for page in pages])
-        return
+        shown = [page] if page else pages
+        told = [{name: one[name] for name in _JSON_FIELDS.split()} for one in shown]
+        print_json(told[0] if page else told)
+    elif page:
+        _print_page(wiki, page)
+    else:
+        _print_list(pages)
+
+
+def _named(wiki: Wiki, typed: str, pages: list[_Page]) -> _Page:
+    """A page by its path as typed: from the top of the tree, or from here."""
+    page_id = os.path.normpath(typed)
+    if os.path.isabs(typed) or not (wiki.root / typed).exists():
+        relative = os.path.relpath(os.path.realpath(typed), wiki.root)
+        page_id = typed if relative.startswith("..") else relative
+    known = {page["page_id"]: page for page in pages}
+    if page_id in known:
+        return known[page_id]
+    like = [one for one in known if one.endswith("/" + os.path.basename(page_id))][:3]
+    like = like or get_close_matches(page_id, known, 3)
+    hint = f": did you mean {' or '.join(like)}?" if like else " (see 'pages')"
+    raise UserError(f"branch '{wiki.branch}' has no page '{page_id}'{hint}")
+
+
+def _print_list(pages: list[_Page]) -> None:
+    """Importance, sections, path and description, cut to the terminal's width."""
     columns = width()
     room = min(max((len(page["page_id"]) for page in pages), default=0), columns // 2)
     for page in pages:
@@ -97,41 +124,17 @@ def print_pages(wiki: Wiki, as_json: bool) -> None:
         print(f"{styled('dim', figures)}{name}  {rest}".rstrip())
 
 
-def print_page(wiki: Wiki, typed: str, as_json: bool) -> None:
-    """Everything about one page; UserError with a suggestion when there is no such page."""
-    page_id = _path_in_tree(wiki, typed)
-    page = wiki.repository.get_wiki_page(wiki.branch, page_id)
-    if page is None:
-        known = [page["page_id"] for page in wiki.repository.get_wiki_pages(wiki.branch)]
-        like = [one for one in known if one.endswith("/" + os.path.basename(page_id))][:3]
-        like = like or get_close_matches(page_id, known, 3)
-        hint = f": did you mean {' or '.join(like)}?" if like else " (see 'pages')"
-        raise UserError(f"branch '{wiki.branch}' has no page '{page_id}'{hint}")
-    if as_json:
-        print_json(_short(page))
-        return
+def _print_page(wiki: Wiki, page: _Page) -> None:
     columns = width()
     print(styled("bold", cut(page["title"], columns)))
     for line in (page["description"], f"{page['summary']}, {page['importance']} importance"):
         print(cut(line, columns))
     for _chunk, owner, _title, heading, content in wiki.repository.wiki_chunk_texts(wiki.branch):
-        if owner == page_id:
+        if owner == page["page_id"]:
             lines = content.partition("\n")[0].rpartition(":")[2]
             print(f"  {styled('dim', lines.rjust(11))}  {cut(heading, columns - 15)}")
     for other in page["related_pages"]:
         print(f"  {styled('dim', 'uses'.rjust(11))}  {cut_left(other, columns - 15)}")
-
-
-def _short(page: dict[str, Any]) -> dict[str, Any]:
-    return {name: page[name] for name in _SHORT_FIELDS.split()}
-
-
-def _path_in_tree(wiki: Wiki, typed: str) -> str:
-    """A path as typed, made relative to the tree if it names a file in it from here."""
-    if (wiki.root / typed).exists() and not os.path.isabs(typed):
-        return os.path.normpath(typed)
-    relative = os.path.relpath(os.path.realpath(typed), wiki.root)
-    return typed if relative.startswith("..") else relative
 
 
 def print_branches(found: list[dict[str, Any]], as_json: bool) -> None:

@@ -106,9 +106,8 @@ def built_wiki(
         pages = repository.get_wiki_pages(_CATALOGUE)
         trees = {page["page_id"]: Path(page["rel_path"]) for page in pages}
         first = next(iter(trees), "")
-        folders = {root} if root else set(trees.values())
-        if len(folders) == 1:
-            (root,) = folders
+        if not root and len(set(trees.values())) == 1:
+            root = trees[first]
         has_git = any(page["level"] == "checkout" for page in pages)
         current = branch_of(root) if root and has_git and root.is_dir() else None
         likely = first if len(trees) == 1 else "main" if root else ""
@@ -124,10 +123,10 @@ def branches(wiki: Wiki) -> list[dict[str, Any]]:
     """Each branch of the database: its name, tree, number of pages and time of the last build."""
     rows = []
     for page in wiki.repository.get_wiki_pages(_CATALOGUE):
+        row = {"branch": page["page_id"], "repository": page["rel_path"]}
         state = wiki.repository.get_wiki_state(page["page_id"]) or {}
-        told = {"page_count": state.get("page_count", 0)}
-        told["last_built_at"] = state.get("last_built_at")
-        rows.append({"branch": page["page_id"], "repository": page["rel_path"], **told})
+        facts = {"page_count": state.get("page_count", 0)}
+        rows.append({**row, **facts, "last_built_at": state.get("last_built_at")})
     return rows
 
 
@@ -189,19 +188,17 @@ def _writable(path: Path) -> Iterator[Path]:
         yield path
         return
     with tempfile.TemporaryDirectory() as folder_of_copy:
-        copy = Path(folder_of_copy, path.name)
-        for ending in ("", "-wal"):
-            if os.path.exists(f"{path}{ending}"):
-                shutil.copyfile(f"{path}{ending}", f"{copy}{ending}")
-        yield copy
+        for name in (path.name, f"{path.name}-wal"):
+            if path.with_name(name).exists():
+                shutil.copyfile(path.with_name(name), Path(folder_of_copy, name))
+        yield Path(folder_of_copy, path.name)
 
 
 def folder(repo: str) -> Path:
     """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
     if not root.is_dir():
-        missing = f"there is no folder {repo}"
-        raise UserError(f"{repo} is not a folder" if root.exists() else missing)
+        raise UserError(f"there is no folder {repo}")
     return root
 
 
