@@ -75,11 +75,10 @@ def build(wiki: Wiki, embedder: Embedder) -> Result:
 def _plan(wiki: Wiki, model: str) -> Result:
     """Compares the tree with the pages."""
     pages = {page["page_id"]: page for page in wiki.repository.get_wiki_pages(wiki.branch)}
-    listing = list_tree(wiki.root, wiki.checkout)
-    plan = Result(unreadable=listing.unreadable, left_out=listing.left_out)
-    plan.mixed = any(page["model"] != model for page in pages.values())
-    hidden = tuple(listing.unreadable)
-    for path in tracked("reading", listing.paths):
+    plan = Result(mixed=any(page["model"] != model for page in pages.values()))
+    paths = list_tree(wiki.root, wiki.checkout, plan.left_out, plan.unreadable)
+    hidden = tuple(plan.unreadable)
+    for path in tracked("reading", paths):
         source = read_source(wiki.root, path)
         if source == "unreadable":
             plan.unreadable.append(path)
@@ -151,11 +150,11 @@ class _Work:
     def _store(self, drafts: list[Draft]) -> None:
         """Embeds and stores pages that are new or say something else."""
         repository, branch = self.wiki.repository, self.wiki.branch
-        chunks = [chunk for draft in drafts for chunk in draft.chunks]
-        texts = [embedding_text(draft, chunk) for draft in drafts for chunk in draft.chunks]
+        chunks = [(draft.fields["title"], chunk) for draft in drafts for chunk in draft.chunks]
+        texts = [embedding_text(title, chunk) for title, chunk in chunks]
         embedded = (self.embedder.embed([*batch]) for batch in batched(texts, BATCH))
         vectors = [vector for batch in embedded for vector in batch]
-        for chunk, vector in zip(chunks, vectors, strict=True):
+        for (_title, chunk), vector in zip(chunks, vectors, strict=True):
             chunk["embedding"] = vector
         self._begin()
         for draft in drafts:

@@ -11,7 +11,7 @@ from typing import Any
 
 from demo.imports import named_files
 from demo.languages import LICENCE
-from demo.sections import Outline, Section, comment_paragraphs, outline, plain
+from demo.sections import Outline, comment_paragraphs, outline, plain
 from demo.show import plural
 from demo.source_tree import FORMAT, Source
 
@@ -42,57 +42,46 @@ class Draft:
 
 def draft_page(source: Source) -> Draft:
     """The page of one file; the same bytes always give the same draft."""
+    path, kind = source.path, source.language.kind
     cut = outline(source.language, source.text())
-    document = source.language.kind == "document"
     headings = (one.heading for one in cut.sections if not one.heading.startswith("overview"))
-    title = next(headings, source.path).split(", ")[0] if document else source.path
+    title = next(headings, path).split(", ")[0] if kind == "document" else path
     description = _description(source, cut)
-    folder = str(PurePosixPath(source.path).parent)
-    chunks = [_chunk(source.path, cut, section) for section in cut.sections]
-    texts = (text for one in cut.sections for text in (one.heading, cut.text(one)))
+    chunks = [
+        {
+            "anchor": re.sub(r"\W+", "-", one.heading.lower()).strip("-"),
+            "heading": one.heading,
+            "content": f"{path}:{one.start}-{one.end}\n{cut.text(one)}",
+            "citations": [{"path": path, "start": one.start, "end": one.end}],
+            "token_count": len(cut.text(one).split()) + 1,
+        }
+        for one in cut.sections
+    ]
+    texts = (embedding_text(title, chunk) for chunk in chunks)
+    says = "\0".join([str(FORMAT), description, *cut.symbols, *texts])
     fields = {
         "title": title,
         "description": description,
         "importance": _importance(source, cut),
-        "level": "document" if document else "module",
-        "parent_section": None if folder == "." else folder,
-        "rel_path": source.path,
-        "source_files": [source.path],
-        "source_hashes": {source.path: source.digest},
+        "level": "document" if kind == "document" else "module",
+        "parent_section": path.rpartition("/")[0] or None,
+        "rel_path": path,
+        "source_files": [path],
+        "source_hashes": {path: source.digest},
         "symbols": cut.symbols[:200],
-        "citations": [_citation(source.path, section) for section in cut.sections],
-        "content_hash": _digest(str(FORMAT), title, description, *cut.symbols, *texts),
-        "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
-        "build_cache": "\n".join(named_files(source.path, cut.lines)),
-        "page_type": source.language.kind,
+        "citations": [chunk["citations"][0] for chunk in chunks],
+        # Of what the page says, wherever its lines are.
+        "content_hash": blake2b(says.encode("utf-8", "replace"), digest_size=16).hexdigest(),
+        "summary": f"{source.language.name}, {plural(len(chunks), 'section')}",
+        "build_cache": "\n".join(named_files(path, cut.lines)),
+        "page_type": kind,
     }
-    return Draft(source.path, fields, chunks)
+    return Draft(path, fields, chunks)
 
 
-def embedding_text(draft: Draft, chunk: dict[str, Any]) -> str:
+def embedding_text(title: str, chunk: dict[str, Any]) -> str:
     """What an embedder is given of a chunk: title, heading and source, without the line numbers."""
-    source = chunk["content"].partition("\n")[2]
-    return f"{draft.fields['title']}\n{chunk['heading']}\n{source}"
-
-
-def _digest(*texts: str) -> str:
-    return blake2b("\0".join(texts).encode("utf-8", "replace"), digest_size=8).hexdigest()
-
-
-def _citation(path: str, section: Section) -> dict[str, Any]:
-    return {"path": path, "start": section.start, "end": section.end}
-
-
-def _chunk(path: str, cut: Outline, section: Section) -> dict[str, Any]:
-    """One chunk; its text begins with the place it cites, on a line of its own."""
-    content = f"{path}:{section.start}-{section.end}\n{cut.text(section)}"
-    return {
-        "anchor": re.sub(r"\W+", "-", section.heading.lower()).strip("-"),
-        "heading": section.heading,
-        "content": content,
-        "citations": [_citation(path, section)],
-        "token_count": len(content.split()),
-    }
+    return f"{title}\n{chunk['heading']}\n{chunk['content'].partition('\n')[2]}"
 
 
 def _description(source: Source, cut: Outline) -> str:

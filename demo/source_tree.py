@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import io
-import os
 import re
 import stat
 import tokenize
@@ -23,7 +22,7 @@ _VENDORED = frozenset(
     "node_modules vendor vendored _vendor third_party third-party thirdparty site-packages "
     "bower_components .git .hg .svn __pycache__".split()
 )
-_LEFT_BY_TOOLS = frozenset("build dist target out .tox .nox .venv venv .eggs .idea .vscode".split())
+_SKIPPED = _VENDORED.union("build dist target out .tox .nox .venv venv .eggs .idea .vscode".split())
 _LOCKS = frozenset("package-lock.json npm-shrinkwrap.json pnpm-lock.yaml".split())
 _GENERATED = re.compile(
     rb"^\W{1,6}(?:.*@generated\b|.*code generated .*do not edit|.*made by GNU Bison|line \d+ \""
@@ -44,36 +43,26 @@ class Source:
     def text(self) -> str:
         """The file decoded, with every line ending as a single newline; never raises."""
         encoding = "utf-8-sig"
-        if self.language.name == "Python":
-            try:
-                encoding, _ = tokenize.detect_encoding(io.BytesIO(self.data).readline)
-            except SyntaxError:
-                pass
         try:
+            if self.language.name == "Python":
+                encoding, _ = tokenize.detect_encoding(io.BytesIO(self.data).readline)
             text = self.data.decode(encoding)
-        except (UnicodeDecodeError, LookupError):
+        except (SyntaxError, UnicodeDecodeError, LookupError):
             text = self.data.decode("latin-1")
         return text.replace("\r\n", "\n").replace("\r", "\n")
 
 
-@dataclass(slots=True)
-class Listing:
-    """What a tree holds: paths that may be source, why the others are left out, and what failed."""
+def list_tree(
+    root: Path, checkout: Checkout | None, left_out: Counter[str], unreadable: list[str]
+) -> list[str]:
+    """The files that may be source, sorted; git's own list where there is a checkout.
 
-    paths: list[str]
-    left_out: Counter[str]  # by reason: a suffix, a word or two, or a folder with its slash
-    unreadable: list[str]
-
-
-def list_tree(root: Path, checkout: Checkout | None) -> Listing:
-    """The files of a tree, sorted; git's own list where there is a checkout."""
-    listing = Listing([], Counter(), [])
-    for path in sorted(checkout.paths if checkout is not None else _walk(root, listing)):
-        if reason := _unfit(path):
-            listing.left_out[reason] += 1
-        else:
-            listing.paths.append(path)
-    return listing
+    The others are counted by reason, a suffix, a word or two, or a folder with its slash.
+    """
+    found = checkout.paths if checkout is not None else _walk(root, left_out, unreadable)
+    reasons = {path: _unfit(path) for path in sorted(found)}
+    left_out.update(filter(None, reasons.values()))
+    return [path for path, reason in reasons.items() if reason is None]
 
 
 def read_source(root: Path, path: str) -> Source | str:
@@ -104,17 +93,14 @@ def read_source(root: Path, path: str) -> Source | str:
     return Source(path, language, data, digest)
 
 
-def _walk(root: Path, listing: Listing) -> Iterator[str]:
+def _walk(root: Path, left_out: Counter[str], unreadable: list[str]) -> Iterator[str]:
     def failed(error: OSError) -> None:
-        listing.unreadable.append(os.path.relpath(error.filename, root).replace(os.sep, "/") + "/")
+        unreadable.append(Path(error.filename).relative_to(root).as_posix() + "/")
 
-    for folder, folders, files in os.walk(root, onerror=failed):
-        for name in folders[:]:
-            if name in _LEFT_BY_TOOLS or name in _VENDORED:
-                folders.remove(name)
-                listing.left_out[f"{name}/"] += 1
-        for name in files:
-            yield os.path.relpath(os.path.join(folder, name), root).replace(os.sep, "/")
+    for folder, folders, files in root.walk(on_error=failed):
+        left_out.update(f"{name}/" for name in folders if name in _SKIPPED)
+        folders[:] = (name for name in folders if name not in _SKIPPED)
+        yield from ((folder / name).relative_to(root).as_posix() for name in files)
 
 
 def _unfit(path: str) -> str | None:
@@ -122,8 +108,7 @@ def _unfit(path: str) -> str | None:
     *folders, name = path.split("/")
     if vendored := next(filter(_VENDORED.__contains__, folders), None):
         return f"{vendored}/"
-    # A name that is no text (lone surrogates) or that breaks lines cannot be cited.
-    if any(char < " " or "\ud800" <= char <= "\udfff" for char in path):
+    if re.search(r"[\0-\x1f\ud800-\udfff]", path):  # no text, or more than a line: not to be cited
         return "of unusable name"
     if ".min." in name or name in _LOCKS:
         return "minified" if ".min." in name else "generated"
