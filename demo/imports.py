@@ -30,8 +30,7 @@ def named_files(path: str, lines: Iterable[str]) -> list[str]:
     folder; any other may lie below some folder.
     """
     suffix = PurePosixPath(path).suffix[1:].lower()
-    if (pattern := _BY_SUFFIX.get(suffix)) is None:
-        return []
+    pattern = _BY_SUFFIX.get(suffix, re.compile("(?!)"))
     found = filter(None, (pattern.match(line[:400]) for line in lines))
     each = (name for one in found for name in _names(path, suffix, one.groups(default="")))
     return list(dict.fromkeys(each))
