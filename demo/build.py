@@ -4,8 +4,6 @@ A page and its chunks are separate transactions: a page is "building" until its 
 So a build that was cut short is noticed and continued by the next one, page by page.
 """
 
-from __future__ import annotations
-
 from collections import Counter
 from dataclasses import dataclass, field
 from datetime import UTC, datetime

@@ -1,7 +1,5 @@
 """The command line: arguments, commands, and the one place where errors become exit statuses."""
 
-from __future__ import annotations
-
 import argparse
 import io
 import logging

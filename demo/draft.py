@@ -1,7 +1,5 @@
 """Drafts the page of one source file: what it is called, says and cites, without embeddings."""
 
-from __future__ import annotations
-
 import re
 from collections.abc import Iterable
 from dataclasses import dataclass

@@ -1,7 +1,5 @@
 """Embedders: the built-in one, or a function of the user's."""
 
-from __future__ import annotations
-
 import math
 import sys
 from array import array

@@ -3,8 +3,6 @@
 ``pages/NAME.html#L12`` is a line, ``#L12-40`` a section as it is cited.
 """
 
-from __future__ import annotations
-
 import re
 from collections import Counter, defaultdict
 from collections.abc import Iterable

@@ -5,8 +5,6 @@ place and a sign in the vector by a hash ("feature hashing", Weinberger et al. 2
 occurs n times weighs 1 + ln n. The same text gives the same vector in every process.
 """
 
-from __future__ import annotations
-
 import math
 import re
 from collections import Counter

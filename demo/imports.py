@@ -1,7 +1,5 @@
 """Tells which other files of the tree a file imports, includes or links to, where that shows."""
 
-from __future__ import annotations
-
 import re
 from collections.abc import Iterable, Iterator
 from pathlib import PurePosixPath

@@ -1,7 +1,5 @@
 """Which files are worth a page, and by what lines a definition or heading in them is recognised."""
 
-from __future__ import annotations
-
 import re
 from dataclasses import dataclass
 from pathlib import PurePosixPath

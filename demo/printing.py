@@ -1,7 +1,5 @@
 """What the commands print: answers, once or at a prompt, pages and branches."""
 
-from __future__ import annotations
-
 import contextlib
 import json
 import os

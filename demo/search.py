@@ -1,7 +1,5 @@
 """Searches a built wiki by meaning and by words; what is found are files."""
 
-from __future__ import annotations
-
 import math
 from collections import Counter
 from dataclasses import dataclass

@@ -4,8 +4,6 @@ Every language gives *marks*, the lines at which something begins; the rest is t
 small neighbours are merged, long sections are split at blank lines.
 """
 
-from __future__ import annotations
-
 import ast
 import re
 import warnings

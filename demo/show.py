@@ -1,7 +1,5 @@
 """What a terminal shows: widths, colour, and a progress bar that a pipe never sees."""
 
-from __future__ import annotations
-
 import os
 import shutil
 import sys

@@ -1,7 +1,5 @@
 """Finds and opens the wiki a command works on: which database, which tree, which branch."""
 
-from __future__ import annotations
-
 import fcntl
 import os
 import shutil
@@ -19,7 +17,7 @@ from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 
 from demo.errors import UserError
-from demo.git import Checkout, branch_of, checkout
+from demo.source_tree import Checkout, branch_of, checkout
 
 # Which trees and branches a database holds is kept as pages of a branch that git cannot have.
 _CATALOGUE = ":wikis"
