@@ -19,7 +19,6 @@ from demo.wiki import Wiki
 
 _GENERATOR = '<meta name="generator" content="wiki export">'
 _FOLDED = 400  # pages; with more, the folders of the front page begin closed
-_SHOWN_FIRST = 6
 _LONGEST_NAME = 120
 
 _HERE = Path(__file__).parent
@@ -81,18 +80,13 @@ class _Site:
             self._chunks[page_id].append((heading, content))
 
     def front(self) -> str:
-        """The front page: what to read first, then every page by folder, and the filter."""
+        """The front page: every page by folder, and the filter."""
         state, facts = self._wiki.state(), [plural(len(self.pages), "page")]
         facts.append(f"branch {escape(self._wiki.branch)}")
         if state.get("last_built_at"):
             facts.append(f"built {escape(state['last_built_at'][:16])} UTC")
         if state.get("last_commit"):
             facts.append(f"commit {escape(state['last_commit'][:10])}")
-        cards = (
-            f'<li><a href="pages/{self.files[one["page_id"]]}"><b>{_broken(one["title"])}</b>'
-            f"<span>{escape(one['description'])}</span></a></li>"
-            for one in sorted(self.pages.values(), key=self._standing)[:_SHOWN_FIRST]
-        )
         folded = "" if len(self.pages) > _FOLDED else " open"
         folders = (
             f"<details{folded}><summary><h2>{escape(folder) or 'top folder'}</h2>"
@@ -100,14 +94,8 @@ class _Site:
             f"{''.join(map(self._entry, page_ids))}</ul></details>\n"
             for folder, page_ids in sorted(self._folders.items())
         )
-        lists = {"cards": "".join(cards), "folders": "".join(folders)}
-        return _filled("front.html", name=self._name, facts=" · ".join(facts), **lists)
-
-    def _standing(self, page: _Page) -> tuple[bool, bool, int]:
-        """What to read first: the top folder's document, then what most others use."""
-        page_id, importance = page["page_id"], page["importance"]
-        is_front = importance == "high" and page["page_type"] == "document"
-        return importance == "low", not is_front, -len(self._named_by[page_id])
+        lists = {"facts": " · ".join(facts), "folders": "".join(folders)}
+        return _filled("front.html", name=self._name, **lists)
 
     def _entry(self, page_id: str) -> str:
         page = self.pages[page_id]

@@ -162,7 +162,7 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     notice = _notice_lines(lines)
     bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number in notice or not (marks or any(map(str.isalnum, line))):
+        if number in notice or not (marks or _has_words(line)):
             above = number + 1
             if not marks or marks[-1].heading is not None:
                 marks.append(Mark(number, None))
@@ -193,20 +193,17 @@ def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
     """Line numbers of each paragraph of comment; ``leading``: of those at the top alone."""
     paragraph: list[int] = []
     inside = False  # a comment whose lines need no mark of their own
-    for number, line in enumerate(lines, 1):
+    for number, line in enumerate([*lines, ""], 1):
         is_comment = inside or _COMMENT.match(line)
         if inside or line.lstrip().startswith("/*"):
             inside = "*/" not in line
-        if is_comment and any(map(str.isalnum, line)):
+        if is_comment and _has_words(line):
             paragraph.append(number)
-            continue
-        if paragraph:
+        elif paragraph:
             yield paragraph
             paragraph = []
         if leading and not is_comment and line.strip():
             return
-    if paragraph:
-        yield paragraph
 
 
 def _notice_lines(lines: list[str]) -> set[int]:
@@ -215,20 +212,19 @@ def _notice_lines(lines: list[str]) -> set[int]:
     Paragraphs go whole, with the short ones between them. Of a long one only the lines go that
     say it: the others are likely to describe something.
     """
-    notice: list[int] = []
-    between: list[int] = []
+    notice: set[int] = set()
     for paragraph in comment_paragraphs(lines, leading=True):
-        if not LICENCE.search(" ".join(lines[number - 1] for number in paragraph)):
-            between += paragraph
-        elif len(paragraph) > LONG_NOTICE:
-            notice += [number for number in paragraph if LICENCE.search(lines[number - 1])]
-        else:
-            notice += between if notice and len(between) <= LONG_NOTICE else []
-            notice += paragraph
-            between = []
+        told = [number for number in paragraph if LICENCE.search(lines[number - 1])]
+        if told and len(paragraph) <= LONG_NOTICE:
+            between = range(max(notice, default=paragraph[0]), paragraph[0])
+            notice.update(paragraph, between if len(between) <= LONG_NOTICE else ())
+        notice.update(told)
     first, last = min(notice, default=1), max(notice, default=0)
-    empty = (n for n in range(first, last) if not any(map(str.isalnum, lines[n - 1])))
-    return {*notice, *empty}
+    return notice.union(n for n in range(first, last) if not _has_words(lines[n - 1]))
+
+
+def _has_words(line: str) -> bool:
+    return any(map(str.isalnum, line))
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
@@ -260,12 +256,11 @@ def _merged(sections: list[Section]) -> list[Section]:
 
 
 def _joins(last: Section, section: Section) -> bool:
-    if (last.group, last.part) != (section.group, section.part):
-        return False
     lines = last.end - last.start + 1
     if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
         return lines <= 2
-    return lines <= TINY_LINES or section.end - last.start < MERGE_LINES
+    fits = lines <= TINY_LINES or section.end - last.start < MERGE_LINES
+    return fits and (last.group, last.part) == (section.group, section.part)
 
 
 def _split(section: Section, lines: list[str]) -> Iterator[Section]:
