@@ -48,15 +48,11 @@ class Result:
         return f"{self.unchanged + self.built + self.moved:,} of {self.files:,} files"
 
 
-class Interrupted(Exception):
-    """The user stopped the build; every page stored so far is whole."""
-
-
 def build(wiki: Wiki, embedder: Embedder) -> Result:
-    """Brings the wiki up to date with the tree.
+    """Brings the wiki up to date with the tree; every page that it stored is whole.
 
-    UserError when there is nothing to build from or the embedder fails, Interrupted when the user
-    stops it. Nothing is written before the embedder has succeeded once.
+    UserError when there is nothing to build from or the embedder fails; both that and an interrupt
+    say how far it came. Nothing is written before the embedder has succeeded once.
     """
     plan = _plan(wiki, embedder.model)
     if not plan.files:
@@ -64,7 +60,7 @@ def build(wiki: Wiki, embedder: Embedder) -> Result:
     try:
         _Work(wiki, embedder, plan).run()
     except KeyboardInterrupt:
-        raise Interrupted(f"stopped after {plan.progress}; build again to continue") from None
+        raise KeyboardInterrupt(f"stopped after {plan.progress}; build again to continue") from None
     except UserError as error:
         raise UserError(f"{error}; {plan.progress} are done") from error
     return plan

@@ -10,13 +10,13 @@ import time
 from collections.abc import Sequence
 
 from demo import VERSION
-from demo.build import Interrupted, Result, build
+from demo.build import Result, build
 from demo.embedder import chosen_embedder
 from demo.errors import UserError
 from demo.export import export
 from demo.printing import answer, print_branches, print_pages, prompt
 from demo.search import Searcher
-from demo.show import duration, erased, plural
+from demo.show import erased, plural
 from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
 
 PROGRAM = "wiki"
@@ -117,7 +117,7 @@ def _print_result(plan: Result, began: float) -> None:
     done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
     chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(time.monotonic() - began)}")
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {time.monotonic() - began:.1f} s")
     reasons = plan.left_out.most_common()
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
     if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
@@ -150,7 +150,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return _fail(f"{error}{_ADVICE}", 2)
     except (ValueError, TypeError, LookupError) as error:  # rows that this program did not write
         return _fail(f"a row of the wiki is damaged, {type(error).__name__}: {error}{_ADVICE}", 2)
-    except (Interrupted, KeyboardInterrupt) as error:
+    except KeyboardInterrupt as error:
         return _fail(str(error) or "stopped", 130)
     return 0
 

@@ -12,7 +12,7 @@ from typing import Any
 from demo.errors import UserError
 from demo.hashed_features import telling_stems
 from demo.search import Hit, Searcher
-from demo.show import cut, cut_left, duration, is_terminal, plural, styled, width
+from demo.show import cut, cut_left, is_terminal, plural, styled, width
 from demo.wiki import Wiki
 
 EXCERPT_LINES = 2
@@ -41,7 +41,7 @@ def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None
     for number, hit in enumerate(hits, 1):
         _print_hit(f"{number:>2}. ", hit, set(telling_stems(question)))
     if is_terminal(sys.stdout):
-        print(styled("dim", f"{plural(len(hits), 'file')} in {duration(taken)}"))
+        print(styled("dim", f"{plural(len(hits), 'file')} in {taken:.2f} s"))
 
 
 def _print_hit(rank: str, hit: Hit, words: set[str]) -> None:

@@ -13,8 +13,11 @@ _UNBOUNDED = 10_000
 
 def width() -> int:
     """Columns to write in: the terminal's, at least 30; where there is none nothing is cut."""
-    columns = max(30, min(shutil.get_terminal_size((100, 24)).columns, 160))
-    return columns if is_terminal(sys.stdout) else _UNBOUNDED
+    return max(30, _columns()) if is_terminal(sys.stdout) else _UNBOUNDED
+
+
+def _columns() -> int:
+    return shutil.get_terminal_size().columns
 
 
 def cut(text: str, columns: int) -> str:
@@ -34,13 +37,6 @@ def plural(count: int, noun: str) -> str:
     return f"{count:,} {noun}{ending}"
 
 
-def duration(seconds: float) -> str:
-    """``3.2 ms``, ``1.4 s`` or ``2 min 5 s``."""
-    if seconds < 1:
-        return f"{seconds * 1000:.1f} ms"
-    return f"{seconds:.1f} s" if seconds < 60 else f"{seconds // 60:.0f} min {seconds % 60:.0f} s"
-
-
 def is_terminal(stream: TextIO) -> bool:
     """Whether a person is likely to look at the stream."""
     return stream.isatty() and os.environ.get("TERM") != "dumb"
@@ -55,27 +51,17 @@ def styled(style: str, text: str) -> str:
 
 def tracked[Item](label: str, items: Sequence[Item]) -> Iterator[Item]:
     """The items; meanwhile a bar on standard error, if that is a terminal, wiped at the end."""
-    began, drawn = time.monotonic(), 0.0
-    for done, item in enumerate(items):
+    drawn = 0.0
+    for done, item in enumerate(items, 1):
         yield item
-        now = time.monotonic()
-        if is_terminal(sys.stderr) and now - drawn >= _REDRAW_SECONDS:
-            _draw(label, done + 1, len(items), now - began)
-            drawn = now
+        if is_terminal(sys.stderr) and time.monotonic() - drawn >= _REDRAW_SECONDS:
+            drawn = time.monotonic()
+            bar = "#" * (30 * done // len(items))
+            line = cut(f"{label} [{bar:.<30}] {done:,}/{len(items):,}", _columns() - 1)
+            print(f"{erased()}{line}", end="", file=sys.stderr, flush=True)
     print(erased(), end="", file=sys.stderr, flush=True)
 
 
 def erased() -> str:
     """What takes a bar away, so that a message may stand in its place."""
     return "\r\x1b[K" if is_terminal(sys.stderr) else ""
-
-
-def _draw(label: str, done: int, total: int, seconds: float) -> None:
-    figures = f" {done:,}/{total:,}"
-    if seconds > 2:
-        figures += f"  {duration(seconds / done * (total - done))} left"
-    columns = shutil.get_terminal_size((80, 24)).columns - 1
-    room = max(0, min(40, columns - len(label) - len(figures) - 3))
-    bar = f" [{'#' * (room * done // total):.<{room}}]"
-    line = cut(label + bar + figures, columns)
-    print(f"{erased()}{line}", end="", file=sys.stderr, flush=True)
