@@ -8,7 +8,6 @@ from collections import Counter
 from dataclasses import dataclass, field
 from datetime import UTC, datetime
 from itertools import batched
-from typing import Any
 
 from demo.draft import Draft, draft_page, embedding_text
 from demo.embedder import Embedder
@@ -49,10 +48,9 @@ class Result:
 
 
 def build(wiki: Wiki, embedder: Embedder) -> Result:
-    """Brings the wiki up to date with the tree; every page that it stored is whole.
+    """Brings the wiki up to date; nothing is written before the embedder has succeeded once.
 
-    UserError when there is nothing to build from or the embedder fails; both that and an interrupt
-    say how far it came. Nothing is written before the embedder has succeeded once.
+    UserError when there is nothing to build from or the embedder fails.
     """
     plan = _plan(wiki, embedder.model)
     if not plan.files:
@@ -153,43 +151,36 @@ class _Work:
         self._begin()
         for draft in drafts:
             fields = {**draft.fields, "model": self.embedder.model}
-            row = repository.upsert_wiki_page(branch, draft.page_id, status="building", **fields)
+            row = repository.upsert_wiki_page(branch, status="building", **fields)
             stored = repository.replace_wiki_chunks(row, branch, draft.chunks, fields["model"])
-            repository.upsert_wiki_page(branch, draft.page_id, status="built", **fields)
+            repository.upsert_wiki_page(branch, status="built", **fields)
             self.plan.built += 1
             self.plan.chunks += stored
 
     def _moves(self, draft: Draft) -> _Moves | None:
         """Where each citation of a page has gone that says the same at other lines; else None."""
-        page = self.wiki.repository.get_wiki_page(self.wiki.branch, draft.page_id)
-        if page is None or page["status"] != "built" or page["model"] != self.embedder.model:
+        path, new = draft.fields["page_id"], draft.fields["citations"]
+        page = self.wiki.repository.get_wiki_page(self.wiki.branch, path) or {}
+        said = {"status": "built", "model": self.embedder.model}
+        said["content_hash"] = draft.fields["content_hash"]
+        if not said.items() <= page.items():
             return None
-        if page["content_hash"] != draft.fields["content_hash"]:
-            return None
-        cited = zip(page["citations"], draft.fields["citations"], strict=True)
-        return {
-            (draft.page_id, old["start"], old["end"]): (new["start"], new["end"])
-            for old, new in cited
-        }
+        pairs = zip(page["citations"], new, strict=True)
+        return {(path, a["start"], a["end"]): (b["start"], b["end"]) for a, b in pairs}
 
     def _move(self, draft: Draft, moves: _Moves) -> None:
         """Moves a page's citations to the draft's lines; nothing is embedded."""
-        places = {
-            f"{path}:{start}-{end}": f"{path}:{moved[0]}-{moved[1]}"
-            for (path, start, end), moved in moves.items()
-        }
+        places = {f"{path}:{a}-{b}": f"{path}:{c}-{d}" for (path, a, b), (c, d) in moves.items()}
 
         def rewrite(text: str) -> str:
             place, newline, source = text.partition("\n")
             return f"{places.get(place, place)}{newline}{source}"
 
-        fields: dict[str, Any] = {**draft.fields, "model": self.embedder.model}
-        cited = {name: fields[name] for name in ("citations", "content_hash", "build_cache")}
-        branch, repository = self.wiki.branch, self.wiki.repository
-        repository.update_wiki_page_citations(
-            branch, draft.page_id, rewrite=rewrite, moves=moves, **cited
-        )
-        repository.upsert_wiki_page(branch, draft.page_id, **fields)
+        fields = {**draft.fields, "model": self.embedder.model}
+        moved = ("page_id", "citations", "content_hash", "build_cache")
+        given = {name: fields[name] for name in moved} | {"rewrite": rewrite, "moves": moves}
+        self.wiki.repository.update_wiki_page_citations(self.wiki.branch, **given)
+        self.wiki.repository.upsert_wiki_page(self.wiki.branch, **fields)
         self.plan.moved += 1
 
     def _relate(self) -> None:

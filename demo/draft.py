@@ -18,7 +18,7 @@ _LOW = re.compile(
     r"|(?:^|/)(?:licen[cs]e|copying|changelog|changes|news|history)[^/]*$",
     re.IGNORECASE,
 )
-_ENTRY = frozenset("__main__ main cli app index mod lib".split())
+_ENTRY = frozenset("readme __main__ main cli app index lib".split())
 _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*|-->")
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(
@@ -33,7 +33,6 @@ _NO_WORDS = re.compile(
 class Draft:
     """A page to be: ``fields`` are keywords of the page upsert, ``chunks`` lack embeddings only."""
 
-    page_id: str
     fields: dict[str, Any]
     chunks: list[dict[str, Any]]
 
@@ -47,22 +46,19 @@ def draft_page(source: Source) -> Draft:
     description = _description(source, cut)
     chunks = [
         {
-            "anchor": re.sub(r"\W+", "-", one.heading.lower()).strip("-"),
             "heading": one.heading,
             "content": f"{path}:{one.start}-{one.end}\n{cut.text(one)}",
             "citations": [{"path": path, "start": one.start, "end": one.end}],
-            "token_count": len(cut.text(one).split()) + 1,
         }
         for one in cut.sections
     ]
     texts = (embedding_text(title, chunk) for chunk in chunks)
     says = "\0".join([str(FORMAT), description, *cut.symbols, *texts])
     fields = {
+        "page_id": path,
         "title": title,
         "description": description,
         "importance": _importance(source, cut),
-        "level": "document" if kind == "document" else "module",
-        "parent_section": path.rpartition("/")[0] or None,
         "rel_path": path,
         "source_files": [path],
         "source_hashes": {path: source.digest},
@@ -74,7 +70,7 @@ def draft_page(source: Source) -> Draft:
         "build_cache": "\n".join(named_files(path, cut.lines)),
         "page_type": kind,
     }
-    return Draft(path, fields, chunks)
+    return Draft(fields, chunks)
 
 
 def embedding_text(title: str, chunk: dict[str, Any]) -> str:
@@ -91,10 +87,9 @@ def _description(source: Source, cut: Outline) -> str:
         if source.language.name == "Python" and cut.docstring:
             paragraphs = re.sub(r"\n(\W)\1+ *\n", "\n", cut.docstring).split("\n\n")
     each = (" ".join(paragraph.split()) for paragraph in paragraphs)
-    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), "")
-    if not words:
-        names = ", ".join(cut.symbols[:5])
-        words = f"Defines {names}." if names else f"{source.language.name} source."
+    names = ", ".join(cut.symbols[:5])
+    nothing = f"Defines {names}." if names else f"{source.language.name} source."
+    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), nothing)
     words = words.replace("`", "")
     return words if len(words) <= 200 else words[:199].rsplit(" ", 1)[0].rstrip(".,;:") + "…"
 
@@ -123,12 +118,9 @@ def _comments(lines: list[str], leading: bool) -> Iterable[str]:
 
 
 def _importance(source: Source, cut: Outline) -> str:
-    """Entry points and large modules first; tests, examples, data and tiny files last."""
+    """Entry points first; tests, examples, data and tiny files last."""
     stem = PurePosixPath(source.path).name.lower().partition(".")[0]
-    depth = source.path.count("/")
-    tiny = len(cut.lines) < 15 and stem != "readme"
-    if tiny or _LOW.search(source.path) or source.language.kind == "data":
+    is_tiny = len(cut.lines) < 15 and stem != "readme"
+    if is_tiny or _LOW.search(source.path) or source.language.kind == "data":
         return "low"
-    if (stem == "readme" and depth == 0) or (stem in _ENTRY and depth < 2) or len(cut.symbols) > 60:
-        return "high"
-    return "medium"
+    return "high" if stem in _ENTRY and "/" not in source.path else "medium"

@@ -13,11 +13,7 @@ from demo.wiki import Wiki
 
 
 class Embedder:
-    """Turns texts into vectors of one dimension and says what is wrong when it does not.
-
-    ``function`` takes a list of texts and returns as many sequences of numbers. ``model`` names
-    function and dimension; vectors of different models cannot be compared.
-    """
+    """Turns texts into vectors of one dimension; those of different ``model`` are not compared."""
 
     def __init__(self, name: str, function: Callable[[list[str]], Any]) -> None:
         """Tries the function on one word; UserError when that does not give a vector."""
@@ -57,10 +53,7 @@ def load_embedder(spec: str) -> Embedder:
 
 
 def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
-    """The named embedder; without a name the one that the wiki was built with.
-
-    UserError when that one is not to be had as it was: nothing is embedded again unasked.
-    """
+    """The named embedder, or the one the wiki was built with; UserError if that has changed."""
     models = {page["model"] for page in wiki.repository.get_wiki_pages(wiki.branch)}
     if spec or not models:
         return load_embedder(spec or hashed_features.NAME)

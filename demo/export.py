@@ -26,10 +26,7 @@ _Page = dict[str, Any]
 
 
 def export(wiki: Wiki, folder: str) -> tuple[int, Path]:
-    """Writes the pages and returns their number and the file to open first.
-
-    UserError when the folder holds something else than an earlier export, which is replaced.
-    """
+    """Writes the pages, over an earlier export; returns their number and the file to open first."""
     target = Path(folder)
     front = target / "index.html"
     if target.exists() and any(target.iterdir()):

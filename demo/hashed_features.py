@@ -1,8 +1,8 @@
 """The built-in embedder: hashed features of words, word parts and letter runs. Offline, no model.
 
-Each word of a text, identifiers split, gives features (its stem and its letter runs), each feature a
-place and a sign in the vector by a hash ("feature hashing", Weinberger et al. 2009). A word that
-occurs n times weighs 1 + ln n. The same text gives the same vector in every process.
+Each word gives features, its stem and its letter runs; each feature has a place and a sign in the
+vector by a hash ("feature hashing", Weinberger et al. 2009). A word that occurs n times weighs
+1 + ln n. The same text gives the same vector in every process.
 """
 
 import math
@@ -77,7 +77,8 @@ def _place(feature: str, weight: float) -> tuple[int, float]:
 def embed_one(text: str) -> list[float]:
     """The vector of one text; the zero vector when it holds no word."""
     words = Counter(_WORD.findall(text))
-    words.update(set(_WORD.findall("\n".join(text.split("\n", 2)[:2]))))  # title and heading: double
+    head = " ".join(text.split("\n", 2)[:2])  # title and heading count double
+    words.update(set(_WORD.findall(head)))
     parts: Counter[str] = Counter()
     for word, count in words.items():
         for part in word_parts(word):

@@ -22,10 +22,9 @@ _BY_SUFFIX = {
 
 
 def named_files(path: str, lines: Iterable[str]) -> list[str]:
-    """The names that a file gives to others, each once: paths, of which some may exist.
+    """The paths that a file names, of which some may exist, from some folder or "/" of the tree.
 
-    One with a leading slash counts from the top of the tree, one with a slash at its end is a
-    folder; any other may lie below some folder.
+    One with a slash at its end is a folder.
     """
     suffix = PurePosixPath(path).suffix[1:].lower()
     pattern = _BY_SUFFIX.get(suffix, re.compile("(?!)"))

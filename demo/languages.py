@@ -10,19 +10,14 @@ _COMMENTED = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
 
 @dataclass(frozen=True, slots=True)
 class Language:
-    """A kind of file: "source", "document" or "data", and how many bytes may be worth a page.
-
-    ``begins`` matches where a definition begins, given that line and the next; its one group that
-    matched is the name. Of a document it matches a line that is a heading; others stand above a
-    row of ``underlines``. ``above`` matches lines that belong to a definition below them.
-    """
+    """A kind of file, and how its definitions or headings are recognised."""
 
     name: str
-    kind: str
-    limit: int
-    begins: re.Pattern[str]
-    above: re.Pattern[str]
-    underlines: str
+    kind: str  # "source", "document" or "data"
+    limit: int  # bytes that may be worth a page
+    begins: re.Pattern[str]  # a definition, given its line and the next, or a heading; names it
+    above: re.Pattern[str]  # lines that belong to a definition below them
+    underlines: str  # rows of these make the line above them a heading
 
 
 LICENCE = re.compile(
@@ -44,8 +39,8 @@ _ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!
 _WORDS = (
     r"[ \t]{0,8}(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|"
     r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local)\s+)*"
-    r"(?:(?:class|interface|enum|record|@interface|object|trait|struct|protocol|extension|fun|func|"
-    r"function|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
+    r"(?:(?:class|@?interface|enum|record|object|trait|struct|protocol|extension|fun|func|"
+    r"function!?|fn|data|newtype|instance|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
     r"(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
 )
 _JAVA = _WORDS + (
@@ -76,15 +71,10 @@ _FAMILIES = (  # kind, what begins a definition or is a heading, names with thei
     ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
     ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb ruby; Elixir: ex exs;"
      " Perl: pl pm perl; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd;"
-     " other: dart gradle jl"),
-    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx node; TypeScript: ts mts cts tsx"),
-    ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
+     " Haskell: hs; Zig: zig; Vim script: vim; other: dart gradle jl"),
+    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx node; TypeScript: ts mts cts tsx; Vue: vue"),
     ("source", _RUST, "Rust: rs"),
     ("source", r"(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)", "Go: go"),
-    ("source", r"(?:data|newtype|class|instance|type)\s+(?P<name>[^={]*\w)|(?P<value>\w+)\s*::",
-     "Haskell: hs"),
-    ("source", r"[ ]{0,4}(?:pub\s+)?(?:fn|const|test)\s+(?P<name>[\w\"]+)", "Zig: zig"),
-    ("source", r"\s*fu\w*!?\s+(?P<name>[\w:#.]+)", "Vim script: vim"),
     ("source", r"(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|function\s+(?P<other>[\w:-]+)",
      "shell: sh bash zsh dash ksh"),
     ("source", r"(?i:create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|"

@@ -4,13 +4,11 @@ import contextlib
 import json
 import os
 import sys
-import time
-from dataclasses import asdict
 from difflib import get_close_matches
 from typing import Any
 
 from demo.errors import UserError
-from demo.hashed_features import telling_stems
+from demo.hashed_features import stems, telling_stems
 from demo.search import Hit, Searcher
 from demo.show import cut, cut_left, is_terminal, plural, styled, width
 from demo.wiki import Wiki
@@ -27,36 +25,36 @@ def print_json(value: Any) -> None:
 
 
 def answer(searcher: Searcher, question: str, top_k: int, as_json: bool) -> None:
-    """Asks once; a terminal is told how long it took. UserError when no question is asked."""
+    """Asks once. UserError when no question is asked."""
     if not question.strip():
         raise UserError("the question is empty")
-    began = time.monotonic()
     hits = searcher.ask(question, top_k)
-    taken = time.monotonic() - began
     if as_json:
-        print_json([asdict(hit) for hit in hits])
+        print_json(hits)
         return
     if not hits:
         print("nothing found")
     for number, hit in enumerate(hits, 1):
         _print_hit(f"{number:>2}. ", hit, set(telling_stems(question)))
-    if is_terminal(sys.stdout):
-        print(styled("dim", f"{plural(len(hits), 'file')} in {taken:.2f} s"))
 
 
 def _print_hit(rank: str, hit: Hit, words: set[str]) -> None:
     """Up to four lines; a path is cut last, and from its left."""
     columns = width()
-    place = cut_left(f"{hit.path}:{hit.start}-{hit.end}", columns - len(rank))
-    scores = f"  {hit.score:.4g} (cosine {hit.similarity:.2f})"
+    place = cut_left("{path}:{start}-{end}".format(**hit), columns - len(rank))
+    scores = f"  {hit['score']:.4g} (cosine {hit['similarity']:.2f})"
     scores = scores if len(rank + place + scores) <= columns else ""
     print(f"{rank}{styled('path', place)}{styled('dim', scores)}")
-    names = [hit.title] if hit.title != hit.path else []
-    names += [hit.heading] if hit.heading != hit.title else []
-    more = f"  (+{hit.more} more)" if hit.more else ""
+    names = dict.fromkeys((hit["title"], hit["heading"]))
+    names.pop(hit["path"], None)
+    more = f"  (+{hit['more']} more)" if hit["more"] else ""
     heading = cut(": ".join(names), columns - 4 - len(more))
     print(f"    {styled('bold', heading)}{styled('dim', more)}")
-    for line in hit.excerpt(words, EXCERPT_LINES):
+    lines = [line for line in hit["text"].split("\n") if line.strip()]
+    weights = [len(words.intersection(stems(line))) for line in lines]
+    starts = range(max(1, len(lines) - EXCERPT_LINES + 1))
+    best = max(starts, key=lambda start: sum(weights[start : start + EXCERPT_LINES]))
+    for line in lines[best : best + EXCERPT_LINES]:
         print(styled("dim", "    | ") + cut(line.strip(), columns - 6))
 
 

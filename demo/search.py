@@ -2,7 +2,6 @@
 
 import math
 from collections import Counter
-from dataclasses import dataclass
 from typing import Any
 
 from demo.embedder import Embedder
@@ -18,30 +17,7 @@ FUSED = 10.0  # weight of the store's own ranking beside the words: about that o
 _K1, _B = 1.2, 0.5  # of BM25: how soon repeating a word counts no more; how far length counts
 
 
-@dataclass(frozen=True, slots=True)
-class Hit:
-    """One file found, by its best chunk; ``more`` others of its chunks were found, too."""
-
-    score: float
-    similarity: float  # cosine, -1 to 1
-    page: str
-    title: str
-    heading: str
-    path: str
-    start: int
-    end: int
-    text: str
-    more: int
-
-    def excerpt(self, words: set[str], count: int) -> list[str]:
-        """The ``count`` lines after one another that hold the most stems of ``words``."""
-        lines = [line for line in self.text.split("\n") if line.strip()]
-        weights = [len(words.intersection(stems(line))) for line in lines]
-        starts = range(max(1, len(lines) - count + 1))
-        best = max(starts, key=lambda start: (sum(weights[start : start + count]), -start))
-        return lines[best : best + count]
-
-
+Hit = dict[str, Any]  # a file found: what ``search --json`` prints
 _Found = tuple[float, dict[str, Any], list[str]]  # a chunk's weight, its record, words it holds
 
 
@@ -95,7 +71,7 @@ class Searcher:
         for found in chunks:
             files.setdefault(found[1]["page_id"], []).append(found)
         hits = [self._hit(page_id, found, rarity) for page_id, found in files.items()]
-        return sorted(hits, key=lambda hit: -hit.score)[:top_k]
+        return sorted(hits, key=lambda hit: -hit["score"])[:top_k]
 
     def _hit(self, page_id: str, chunks: list[_Found], rarity: dict[str, float]) -> Hit:
         """A file by its best chunks, and by the words in them, in its name and description."""
@@ -106,16 +82,16 @@ class Searcher:
         score += sum(rarity[word] * sum(word in place for place in places) for word in rarity)
         record = chunks[0][1]
         (citation,) = record["citations"]
-        return Hit(
-            score=round(score * worth, 4),
-            similarity=record["similarity"],
-            page=page_id,
-            title=record["title"],
-            heading=record["heading"],
+        return {
+            "score": round(score * worth, 4),
+            "similarity": record["similarity"],
+            "page": page_id,
+            "title": record["title"],
+            "heading": record["heading"],
             **citation,
-            text=record["content"].partition("\n")[2],
-            more=len(chunks) - 1,
-        )
+            "text": record["content"].partition("\n")[2],
+            "more": len(chunks) - 1,
+        }
 
     def _page(self, page_id: str) -> tuple[list[set[str]], float]:
         """The stems of a page's path, description and symbols, and what its score is worth."""

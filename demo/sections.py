@@ -35,15 +35,12 @@ _IMPORT = re.compile(
 
 @dataclass(frozen=True, slots=True)
 class Mark:
-    """Something begins at ``line`` (from 1). No heading: not worth citing until the next mark.
-
-    Only marks of one ``group`` are merged; a ``symbol`` is a name that the file defines.
-    """
+    """Something begins at ``line``, counted from 1."""
 
     line: int
-    heading: str | None
-    group: str = ""
-    symbol: bool = False
+    heading: str | None  # None: not worth citing until the next mark
+    group: str = ""  # only marks of one group are merged
+    symbol: bool = False  # the heading is a name that the file defines
 
 
 @dataclass(frozen=True, slots=True)
@@ -53,8 +50,7 @@ class Section:
     heading: str
     start: int
     end: int
-    group: str
-    part: int  # of the file, by what is left out between
+    group: tuple[str, int]  # the mark's, and how much is left out before
 
 
 @dataclass(frozen=True, slots=True)
@@ -93,10 +89,9 @@ def plain(heading: str) -> str:
 
 
 def _python_marks(text: str, lines: list[str]) -> tuple[list[Mark], str]:
-    """Marks by the syntax tree, and the file's docstring; nothing when it does not parse.
+    """Marks at definitions, members of large classes included, and at runs of other statements.
 
-    There is a mark for each definition, members of large classes included, and for each run of
-    other statements. Adding an import does not change what is cited.
+    With them the file's docstring; nothing of a file that does not parse.
     """
     try:
         with warnings.catch_warnings(action="ignore"):
@@ -209,8 +204,7 @@ def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
 def _notice_lines(lines: list[str]) -> set[int]:
     """The lines of a file's leading comment that speak of its licence: nothing to search for.
 
-    Paragraphs go whole, with the short ones between them. Of a long one only the lines go that
-    say it: the others are likely to describe something.
+    Paragraphs go whole, with what is between them; of a long one, the lines that say it.
     """
     notice: set[int] = set()
     for paragraph in comment_paragraphs(lines, leading=True):
@@ -228,17 +222,14 @@ def _has_words(line: str) -> bool:
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
-    """Each mark's lines up to the next mark, without the blank ones around them.
-
-    A lone line between imports and definitions (a namespace, an include guard) is left out.
-    """
+    """Each mark's lines up to the next mark, but a lone one between imports and definitions."""
     sections = []
     part = 0
     for mark, end in zip(marks, [*(mark.line - 1 for mark in marks[1:]), len(lines)]):
         part += mark.heading is None
         full = [line for line in range(mark.line, end + 1) if lines[line - 1].strip()]
         if mark.heading is not None and len(full) > (mark.group == _BETWEEN):
-            sections.append(Section(mark.heading, full[0], full[-1], mark.group, part))
+            sections.append(Section(mark.heading, full[0], full[-1], (mark.group, part)))
     return sections
 
 
@@ -257,10 +248,10 @@ def _merged(sections: list[Section]) -> list[Section]:
 
 def _joins(last: Section, section: Section) -> bool:
     lines = last.end - last.start + 1
-    if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
+    if last.group[0] == _HEADING:  # every heading of a document is worth finding; a bare one is not
         return lines <= 2
     fits = lines <= TINY_LINES or section.end - last.start < MERGE_LINES
-    return fits and (last.group, last.part) == (section.group, section.part)
+    return fits and last.group == section.group
 
 
 def _split(section: Section, lines: list[str]) -> Iterator[Section]:

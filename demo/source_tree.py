@@ -34,7 +34,7 @@ _GENERATED = re.compile(
 
 @dataclass(frozen=True, slots=True)
 class Checkout:
-    """A folder inside a git work tree; ``paths`` are relative to that folder."""
+    """A folder inside a git work tree, with its files that git does not ignore."""
 
     branch: str
     commit: str | None
@@ -59,10 +59,7 @@ def branch_of(root: Path) -> str | None:
 
 
 def checkout(root: Path) -> Checkout | None:
-    """The checkout at ``root`` with its tracked and its untracked, not ignored files.
-
-    None outside of a work tree, and in a folder that the tree around it ignores.
-    """
+    """The checkout at ``root``; None without one and in a folder that it ignores."""
     if _git(root, "check-ignore", "-q", ".")[0] != 1 or (branch := branch_of(root)) is None:
         return None
     status, names = _git(root, "ls-files", "-z", "--cached", "--others", "--exclude-standard")
@@ -97,10 +94,7 @@ class Source:
 def list_tree(
     root: Path, checkout: Checkout | None, left_out: Counter[str], unreadable: list[str]
 ) -> list[str]:
-    """The files that may be source, sorted; git's own list where there is a checkout.
-
-    The others are counted by reason, a suffix, a word or two, or a folder with its slash.
-    """
+    """The files that may be source, sorted; the others are counted by reason."""
     found = checkout.paths if checkout is not None else _walk(root, left_out, unreadable)
     reasons = {path: _unfit(path) for path in sorted(found)}
     left_out.update(filter(None, reasons.values()))

@@ -57,10 +57,7 @@ def default_database(root: Path) -> Path:
 
 @contextmanager
 def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wiki]:
-    """The wiki of the tree ``repo``; its database file is created when there is none.
-
-    Nobody else builds into the file meanwhile. A new one goes again when no build was begun.
-    """
+    """The wiki of a tree, for one build at a time; a new file goes when none was begun."""
     root = folder(repo)
     tree = checkout(root)
     chosen = _valid(branch) or (tree.branch if tree else "main")
@@ -87,10 +84,7 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
 def built_wiki(
     repo: str | None, db: str | None, branch: str | None, to_change: bool = False
 ) -> Iterator[Wiki]:
-    """A wiki that was built before; UserError when there is none. ANY_BRANCH will do.
-
-    One that is not to be changed may lie where nothing can be written.
-    """
+    """A wiki that was built before, ``to_change`` or just to read; UserError when there is none."""
     root = folder(repo) if repo else None
     path = _file(db, root)
     if not path.exists() or path.stat().st_size == 0:
@@ -98,7 +92,7 @@ def built_wiki(
     is_being_built = _is_locked(path)  # asked before SQLite has locks of its own on the file
     with (
         _locked(path) if to_change else nullcontext(),
-        nullcontext(path) if to_change else _writable(path) as place,
+        _writable(path) as place,
         _opened(place) as repository,
     ):
         pages = repository.get_wiki_pages(_CATALOGUE)
@@ -121,10 +115,10 @@ def branches(wiki: Wiki) -> list[dict[str, Any]]:
     """Each branch of the database: its name, tree, number of pages and time of the last build."""
     rows = []
     for page in wiki.repository.get_wiki_pages(_CATALOGUE):
-        row = {"branch": page["page_id"], "repository": page["rel_path"]}
-        state = wiki.repository.get_wiki_state(page["page_id"]) or {}
-        facts = {"page_count": state.get("page_count", 0)}
-        rows.append({**row, **facts, "last_built_at": state.get("last_built_at")})
+        branch = page["page_id"]
+        state = wiki.repository.get_wiki_state(branch) or {"page_count": 0, "last_built_at": None}
+        told = {name: state[name] for name in ("page_count", "last_built_at")}
+        rows.append({"branch": branch, "repository": page["rel_path"], **told})
     return rows
 
 
