@@ -25,10 +25,6 @@ _EXAMPLES = """examples:
   wiki build ~/src/project
   wiki search "how are transactions rolled back"
   wiki export /tmp/pages"""
-_EMBEDDER = (
-    "from a list of texts to a list of equally long lists of numbers; the wiki remembers it, and"
-    " another one embeds everything again (built in: hashed-features)"
-)
 _LEFT_OUT_SHOWN = 8
 _ADVICE = "; if that stays, delete the database file and build again"
 
@@ -53,7 +49,7 @@ def _parser() -> argparse.ArgumentParser:
             ("--db", "FILE", "the database (default: one in your cache for each tree)"),
             ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
             ("--repo", "DIR", "the tree (default: this folder or one above it)"),
-            ("--embedder", "MODULE:FUNCTION", _EMBEDDER),
+            ("--embedder", "MODULE:FUNCTION", "embeds texts (default: as the wiki was built)"),
         ):
             if option in ("--db", "--branch", *options):
                 sub.add_argument(option, metavar=metavar, help=about)

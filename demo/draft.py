@@ -18,7 +18,7 @@ _LOW = re.compile(
     r"|(?:^|/)(?:licen[cs]e|copying|changelog|changes|news|history)[^/]*$",
     re.IGNORECASE,
 )
-_ENTRY = frozenset("readme __main__ main cli app index lib".split())
+_ENTRY = ("readme", "__main__", "main", "cli", "app", "index", "lib")
 _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*|-->")
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(

@@ -16,7 +16,6 @@ class Embedder:
     """Turns texts into vectors of one dimension; those of different ``model`` are not compared."""
 
     def __init__(self, name: str, function: Callable[[list[str]], Any]) -> None:
-        """Tries the function on one word; UserError when that does not give a vector."""
         self.name = name
         self.compares_words = function is hashed_features.embed
         self._function = function

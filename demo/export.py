@@ -132,7 +132,7 @@ class _Site:
             name=escape(page["title"]),
             trail="".join(f"<span>{escape(part)}</span>" for part in page_id.split("/")),
             kind="prose" if page["page_type"] == "document" else "code",
-            title=_broken(page["title"]),
+            title=escape(page["title"]).replace("/", "/<wbr>"),
             description=escape(page["description"]),
             summary=escape(page["summary"]),
             sections="".join(sections),
@@ -140,16 +140,9 @@ class _Site:
         )
 
 
-def _broken(title: str) -> str:
-    """A title that may be broken after its slashes."""
-    return escape(title).replace("/", "/<wbr>")
-
-
 def _section(heading: str, start: int, end: int, text: str) -> str:
-    lines = "".join(
-        f"<span id=L{number}>{escape(line)}\n</span>"
-        for number, line in enumerate(text.split("\n"), start)
-    )
+    numbered = enumerate(text.split("\n"), start)
+    lines = "".join(f"<span id=L{number}>{escape(line)}\n</span>" for number, line in numbered)
     place = f'<a href="#L{start}-{end}">{start}–{end}</a>'
     return (
         f'<section id="L{start}-{end}"><h2>{heading}{place}</h2>'

@@ -22,10 +22,7 @@ _BY_SUFFIX = {
 
 
 def named_files(path: str, lines: Iterable[str]) -> list[str]:
-    """The paths that a file names, of which some may exist, from some folder or "/" of the tree.
-
-    One with a slash at its end is a folder.
-    """
+    """The paths that a file names, of which some may exist, from some folder or "/" of the tree."""
     suffix = PurePosixPath(path).suffix[1:].lower()
     pattern = _BY_SUFFIX.get(suffix, re.compile("(?!)"))
     found = filter(None, (pattern.match(line[:400]) for line in lines))
@@ -47,7 +44,7 @@ def _names(path: str, suffix: str, said: tuple[str, ...]) -> Iterator[str]:
             for name in (base, f"{base}/__init__", *below):
                 yield near(f"{name}.{suffix}") if dots else f"{name}.{suffix}"
     elif suffix == "go":
-        yield said[0] + "/"
+        yield said[0] + "/"  # a folder
     elif suffix == "rs":
         stem = PurePosixPath(path).stem
         inner = folder if stem in ("mod", "lib", "main") else f"{folder}/{stem}"

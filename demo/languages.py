@@ -39,9 +39,9 @@ _ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!
 _WORDS = (
     r"[ \t]{0,8}(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|"
     r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local)\s+)*"
-    r"(?:(?:class|@?interface|enum|record|object|trait|struct|protocol|extension|fun|func|"
-    r"function!?|fn|data|newtype|instance|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
-    r"(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
+    r"(?:(?:class|@?interface|enum|record|object|trait|struct|protocol|extension|fun|"
+    r"func|function!?|fn|data|newtype|instance|defp?|defmodule|defmacro|module|sub|message|service|"
+    r"rpc)\s+(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
 )
 _JAVA = _WORDS + (
     r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|"

@@ -17,8 +17,6 @@ from demo.languages import MAX_BYTES, Language, language_of, may_be_source
 FORMAT = 3  # raise it when drafting changes, so that the next build drafts every page anew
 MAX_MEAN_LINE = 250  # bytes a line; above it a file is minified or data, not written by hand
 
-DETACHED = "HEAD"  # the branch of a checkout that is on none
-
 _VENDORED = frozenset(
     "node_modules vendor vendored _vendor third_party third-party thirdparty site-packages "
     "bower_components .git .hg .svn __pycache__".split()
@@ -53,19 +51,19 @@ def _git(root: Path, *arguments: str) -> tuple[int, bytes]:
 
 
 def branch_of(root: Path) -> str | None:
-    """The branch checked out at ``root``, DETACHED without one; None outside a checkout."""
+    """The branch checked out at ``root``, "HEAD" if it is on none; None outside a checkout."""
     status, name = _git(root, "symbolic-ref", "--short", "-q", "HEAD")
-    return {0: os.fsdecode(name).strip(), 1: DETACHED}.get(status)
+    return {0: os.fsdecode(name).strip(), 1: "HEAD"}.get(status)
 
 
 def checkout(root: Path) -> Checkout | None:
     """The checkout at ``root``; None without one and in a folder that it ignores."""
-    if _git(root, "check-ignore", "-q", ".")[0] != 1 or (branch := branch_of(root)) is None:
-        return None
+    branch = branch_of(root)
+    is_ignored = _git(root, "check-ignore", "-q", ".")[0] != 1
     status, names = _git(root, "ls-files", "-z", "--cached", "--others", "--exclude-standard")
-    if status != 0:
+    if branch is None or is_ignored or status != 0:
         return None
-    paths = sorted({os.fsdecode(name) for name in names.split(b"\0") if name})
+    paths = [os.fsdecode(name) for name in names.split(b"\0") if name]
     commit = os.fsdecode(_git(root, "rev-parse", "--verify", "-q", "HEAD")[1]).strip()
     return Checkout(branch, commit or None, paths)
 
