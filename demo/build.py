@@ -38,12 +38,10 @@ class Result:
 
     @property
     def files(self) -> int:
-        """Files of the tree that have, or will have, a page."""
         return len(self.changed) + self.unchanged
 
     @property
     def progress(self) -> str:
-        """How far the build came."""
         return f"{self.unchanged + self.built + self.moved:,} of {self.files:,} files"
 
 

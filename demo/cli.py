@@ -21,10 +21,6 @@ from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_b
 
 PROGRAM = "wiki"
 
-_EXAMPLES = """examples:
-  wiki build ~/src/project
-  wiki search "how are transactions rolled back"
-  wiki export /tmp/pages"""
 _LEFT_OUT_SHOWN = 8
 _ADVICE = "; if that stays, delete the database file and build again"
 
@@ -38,8 +34,7 @@ class _Parser(argparse.ArgumentParser):
 
 def _parser() -> argparse.ArgumentParser:
     about = "Builds and searches the wiki of a source tree, offline."
-    raw = argparse.RawDescriptionHelpFormatter
-    parser = _Parser(prog=PROGRAM, description=about, epilog=_EXAMPLES, formatter_class=raw)
+    parser = _Parser(prog=PROGRAM, description=about, epilog="Begin with: wiki build FOLDER")
     parser.add_argument("--version", action="version", version=f"{PROGRAM} {VERSION}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
@@ -59,8 +54,7 @@ def _parser() -> argparse.ArgumentParser:
 
     sub = command("build", "build the wiki of a tree, or bring it up to date", "--embedder")
     sub.add_argument("repo", metavar="REPO", nargs="?", default=".", help="default: this folder")
-    find = "find the files that answer a question"
-    sub = command("search", find, "--repo", "--embedder", "--json")
+    sub = command("search", "find the files that answer", "--repo", "--embedder", "--json")
     sub.add_argument("question", metavar="QUESTION", nargs="*", help="none: ask at a prompt")
     sub.add_argument("--top", metavar="N", type=_count, default=5, help="results (default: 5)")
     sub = command("pages", "list the pages, or show one with its sections", "--repo", "--json")
@@ -118,8 +112,7 @@ def _print_result(plan: Result, began: float) -> None:
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
     if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
         parts[_LEFT_OUT_SHOWN:] = [f"{rest:,} others"]
-    if parts:
-        print(f"left out: {', '.join(parts)}")
+    print(f"left out: {', '.join(parts) or 'nothing'}")
     if plan.unreadable:
         shown = ", ".join(plan.unreadable[:3]) + ", ..." * (len(plan.unreadable) > 3)
         print(f"not readable, left as it was: {shown}")

@@ -46,8 +46,7 @@ def load_embedder(spec: str) -> Embedder:
     try:
         function = resolve_name(spec)
     except (Exception, SystemExit) as error:
-        what = f"embedder '{spec}' cannot be imported as module:function"
-        raise UserError(f"{what}: {_told(error)}") from error
+        raise UserError(f"embedder '{spec}' cannot be imported: {_told(error)}") from error
     return Embedder(spec, function)
 
 

@@ -91,8 +91,8 @@ class _Site:
             f"{''.join(map(self._entry, page_ids))}</ul></details>\n"
             for folder, page_ids in sorted(self._folders.items())
         )
-        lists = {"facts": " · ".join(facts), "folders": "".join(folders)}
-        return _filled("front.html", name=self._name, **lists)
+        told = " · ".join(facts)
+        return _filled("front.html", name=self._name, facts=told, folders="".join(folders))
 
     def _entry(self, page_id: str) -> str:
         page = self.pages[page_id]

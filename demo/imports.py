@@ -5,8 +5,6 @@ from collections.abc import Iterable, Iterator
 from pathlib import PurePosixPath
 from posixpath import basename, dirname, join, normpath
 
-_MOST = 40  # related pages of one page
-_FOLDER_PAGES = 12  # a larger folder is not what an import of it means
 _PATTERNS = {
     "py pyi": r"\s*(?:from\s+(\.*)([\w.]*)\s+import\s+\(?([\w, ]*)|import\s+([\w., ]+))",
     "js mjs cjs jsx ts mts tsx vue": r".*?\b(?:from|require|import)\s*\(?\s*[\"'](\.[^\"']*)[\"']",
@@ -77,7 +75,7 @@ class Files:
     def related(self, path: str, names: Iterable[str]) -> list[str]:
         """The files that names in ``path`` mean, in their order; ambiguous ones mean none."""
         found = (one for name in names for one in self._meant(path, name) if one != path)
-        return list(dict.fromkeys(found))[:_MOST]
+        return list(dict.fromkeys(found))[:40]
 
     def _meant(self, path: str, name: str) -> list[str]:
         if name.startswith("/"):
@@ -87,7 +85,7 @@ class Files:
             below = ("/".join(parts[start:]) for start in range(1, len(parts)))
             inside = next((self._within[one] for one in below if one in self._within), [])
             inside = [one for one in inside if one.endswith(".go") and "_test." not in one]
-            return inside if len(inside) <= _FOLDER_PAGES else []
+            return inside if len(inside) <= 12 else []  # not a folder of everything
         alike = self._named.get(basename(name), ())
         ends = [one for one in alike if f"/{one}".endswith(f"/{name}")]
         near = [one for one in ends if one in (name, join(dirname(path), name))]

@@ -64,7 +64,6 @@ def prompt(searcher: Searcher, top_k: int, as_json: bool) -> None:
     if asked_by_person:
         with contextlib.suppress(ImportError):
             import readline  # noqa: F401  (arrow keys and history)
-        print("The first question loads the index; an empty line ends.")
     while True:
         try:
             question = input("? " if asked_by_person else "").strip()

@@ -31,7 +31,6 @@ class Searcher:
         self._look()
 
     def _look(self) -> None:
-        """Notes which build it asks."""
         branch, self._built = self._wiki.branch, self._wiki.state()
         self._pages: dict[str, tuple[list[set[str]], float]] = {}
         if self._wiki.repository.wiki_chunk_dimension(branch) is None:

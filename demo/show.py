@@ -7,7 +7,6 @@ import time
 from collections.abc import Iterator, Sequence
 from typing import TextIO
 
-_REDRAW_SECONDS = 0.1
 _UNBOUNDED = 10_000
 
 
@@ -54,7 +53,7 @@ def tracked[Item](label: str, items: Sequence[Item]) -> Iterator[Item]:
     drawn = 0.0
     for done, item in enumerate(items, 1):
         yield item
-        if is_terminal(sys.stderr) and time.monotonic() - drawn >= _REDRAW_SECONDS:
+        if is_terminal(sys.stderr) and time.monotonic() - drawn >= 0.1:
             drawn = time.monotonic()
             bar = "#" * (30 * done // len(items))
             line = cut(f"{label} [{bar:.<30}] {done:,}/{len(items):,}", _columns() - 1)

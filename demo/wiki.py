@@ -89,7 +89,8 @@ def built_wiki(
     path = _file(db, root)
     if not path.exists() or path.stat().st_size == 0:
         raise UserError(f"no wiki at {path}: make one with 'build'")
-    is_being_built = _is_locked(path)  # asked before SQLite has locks of its own on the file
+    with path.open("rb") as file:  # before SQLite has locks of its own on it
+        is_being_built = not _lock(file, fcntl.LOCK_SH)
     with (
         _locked(path) if to_change else nullcontext(),
         _writable(path) as place,
@@ -158,11 +159,6 @@ def _locked(path: Path) -> Iterator[None]:
             if not _lock(file, fcntl.LOCK_EX):
                 raise UserError(f"another build of {path} is running: wait for it")
         yield
-
-
-def _is_locked(path: Path) -> bool:
-    with path.open("rb") as file:
-        return not _lock(file, fcntl.LOCK_SH)
 
 
 def _lock(file: BinaryIO, kind: int) -> bool:
