@@ -107,7 +107,7 @@ def _print_result(plan: Result, began: float) -> None:
     done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
     chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {time.monotonic() - began:.1f} s")
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {time.monotonic() - began:.2f} s")
     reasons = plan.left_out.most_common()
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
     if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
