@@ -2,7 +2,7 @@
 # the build and whenever they change.
 function(mirror_python_files from to)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS RELATIVE "${from}"
-       "${from}/*.py" "${from}/*.pyi" "${from}/*.css" "${from}/*.js")
+       "${from}/*.py" "${from}/*.pyi" "${from}/*.css" "${from}/*.html" "${from}/*.js")
   set(copies)
   foreach(source IN LISTS sources)
     add_custom_command(

@@ -1,39 +1,26 @@
 """The command line: arguments, commands, and the one place where errors become exit statuses."""
 
-from __future__ import annotations
-
 import argparse
 import io
 import logging
 import os
 import sqlite3
 import sys
+import time
 from collections.abc import Sequence
 
 from demo import VERSION
-from demo.answers import answer, prompt
-from demo.build import Interrupted, Result, build
+from demo.build import Result, build
 from demo.embedder import chosen_embedder
 from demo.errors import UserError
 from demo.export import export
-from demo.listing import print_branches, print_page, print_pages, print_status
+from demo.printing import answer, print_branches, print_pages, prompt
 from demo.search import Searcher
-from demo.show import Progress, duration, plural
+from demo.show import erased, plural
 from demo.wiki import ANY_BRANCH, branches, built_wiki, delete_branch, wiki_to_build
 
 PROGRAM = "wiki"
 
-_EXAMPLES = """examples:
-  wiki build ~/src/project
-  wiki search "how are transactions rolled back"
-  wiki export /tmp/pages"""
-_BUILD = """Only files that changed since the last build are drafted and embedded again; of
-those that only shifted the citations move. Pages of files that are gone are
-deleted. A build that was stopped continues where it was.
-
-An embedder is a function that takes a list of texts and returns a list of equally
-long lists of numbers. The wiki remembers it; naming another one embeds everything
-again ("hashed-features" is the built-in one)."""
 _LEFT_OUT_SHOWN = 8
 _ADVICE = "; if that stays, delete the database file and build again"
 
@@ -46,33 +33,28 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _parser() -> argparse.ArgumentParser:
-    raw = argparse.RawDescriptionHelpFormatter
     about = "Builds and searches the wiki of a source tree, offline."
-    parser = _Parser(prog=PROGRAM, description=about, epilog=_EXAMPLES, formatter_class=raw)
+    parser = _Parser(prog=PROGRAM, description=about, epilog="Begin with: wiki build FOLDER")
     parser.add_argument("--version", action="version", version=f"{PROGRAM} {VERSION}")
     commands = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    def command(name: str, purpose: str, *shared: str, more: str = "") -> argparse.ArgumentParser:
-        sub = commands.add_parser(
-            name, help=purpose, description=f"{purpose}.\n\n{more}", formatter_class=raw
-        )
+    def command(name: str, purpose: str, *options: str) -> argparse.ArgumentParser:
+        sub = commands.add_parser(name, help=purpose, description=f"{purpose}.")
         for option, metavar, about in (
             ("--db", "FILE", "the database (default: one in your cache for each tree)"),
             ("--branch", "NAME", "the branch (default: the one checked out, or main)"),
             ("--repo", "DIR", "the tree (default: this folder or one above it)"),
             ("--embedder", "MODULE:FUNCTION", "embeds texts (default: as the wiki was built)"),
         ):
-            if option in ("--db", "--branch", *shared):
+            if option in ("--db", "--branch", *options):
                 sub.add_argument(option, metavar=metavar, help=about)
-        if "--json" in shared:
+        if "--json" in options:
             sub.add_argument("--json", action="store_true", help="print JSON")
         return sub
 
-    build = "build the wiki of a tree, or bring it up to date"
-    sub = command("build", build, "--embedder", more=_BUILD)
+    sub = command("build", "build the wiki of a tree, or bring it up to date", "--embedder")
     sub.add_argument("repo", metavar="REPO", nargs="?", default=".", help="default: this folder")
-    find = "find the files that answer a question"
-    sub = command("search", find, "--repo", "--embedder", "--json")
+    sub = command("search", "find the files that answer", "--repo", "--embedder", "--json")
     sub.add_argument("question", metavar="QUESTION", nargs="*", help="none: ask at a prompt")
     sub.add_argument("--top", metavar="N", type=_count, default=5, help="results (default: 5)")
     sub = command("pages", "list the pages, or show one with its sections", "--repo", "--json")
@@ -81,7 +63,6 @@ def _parser() -> argparse.ArgumentParser:
     sub.add_argument("folder", metavar="DIR", help="new, empty, or an export to replace")
     sub = command("branches", "list the branches that have a wiki", "--repo", "--json")
     sub.add_argument("--delete", metavar="NAME", help="delete the wiki of this branch instead")
-    command("status", "tell where the wiki stands; changes nothing", "--repo", "--json")
     return parser
 
 
@@ -94,51 +75,44 @@ def _count(text: str) -> int:
 def _run(options: argparse.Namespace) -> None:
     if options.command == "build":
         with wiki_to_build(options.repo, options.db, options.branch) as wiki:
-            embedder = chosen_embedder(wiki, options.embedder)
-            _print_result(build(wiki, embedder, Progress()))
+            began = time.monotonic()
+            _print_result(build(wiki, chosen_embedder(wiki, options.embedder)), began)
             if options.db is None:
                 print(f"wiki: {wiki.database}")
         return
     doomed = getattr(options, "delete", None)
-    branch = doomed or options.branch
-    if branch is None and options.command == "branches":
-        branch = ANY_BRANCH
+    branch = doomed or options.branch or (ANY_BRANCH if options.command == "branches" else None)
     with built_wiki(options.repo, options.db, branch, bool(doomed)) as wiki:
         if options.command == "search":
             searcher = Searcher(wiki, chosen_embedder(wiki, options.embedder))
-            if (note := searcher.note()) is not None:
+            if note := searcher.note():
                 print(f"{PROGRAM}: {note}", file=sys.stderr)
             if options.question:
                 answer(searcher, " ".join(options.question), options.top, options.json)
             else:
                 prompt(searcher, options.top, options.json)
-        elif options.command == "pages" and options.page:
-            print_page(wiki, options.page, options.json)
         elif options.command == "pages":
-            print_pages(wiki, options.json)
+            print_pages(wiki, options.page, options.json)
         elif options.command == "export":
-            count, first = export(wiki, options.folder, Progress())
+            count, first = export(wiki, options.folder)
             print(f"{plural(count, 'page')}: open {first}")
         elif doomed:
             print(f"{plural(delete_branch(wiki, doomed), 'page')} of branch '{doomed}' deleted")
-        elif options.command == "branches":
-            print_branches(branches(wiki), options.json)
         else:
-            print_status(wiki, options.json)
+            print_branches(branches(wiki), options.json)
 
 
-def _print_result(plan: Result) -> None:
+def _print_result(plan: Result, began: float) -> None:
     done = [(plan.built, "built"), (plan.moved, "moved")]
     done += [(plan.unchanged, "unchanged"), (len(plan.gone), "deleted")]
     counts = ", ".join(f"{count:,} {what}" for count, what in done if count)
     chunks = f" ({plural(plan.chunks, 'chunk')})" if plan.chunks else ""
-    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {duration(plan.seconds)}")
+    print(f"{plural(plan.files, 'page')}: {counts}{chunks} in {time.monotonic() - began:.2f} s")
     reasons = plan.left_out.most_common()
     parts = [one if one.endswith("/") else f"{count:,} {one}" for one, count in reasons]
     if rest := sum(count for _reason, count in reasons[_LEFT_OUT_SHOWN:]):
         parts[_LEFT_OUT_SHOWN:] = [f"{rest:,} others"]
-    if parts:
-        print(f"left out: {', '.join(parts)}")
+    print(f"left out: {', '.join(parts) or 'nothing'}")
     if plan.unreadable:
         shown = ", ".join(plan.unreadable[:3]) + ", ..." * (len(plan.unreadable) > 3)
         print(f"not readable, left as it was: {shown}")
@@ -165,11 +139,11 @@ def main(arguments: Sequence[str] | None = None) -> int:
         return _fail(f"{error}{_ADVICE}", 2)
     except (ValueError, TypeError, LookupError) as error:  # rows that this program did not write
         return _fail(f"a row of the wiki is damaged, {type(error).__name__}: {error}{_ADVICE}", 2)
-    except (Interrupted, KeyboardInterrupt) as error:
+    except KeyboardInterrupt as error:
         return _fail(str(error) or "stopped", 130)
     return 0
 
 
 def _fail(message: str, status: int) -> int:
-    print(f"{PROGRAM}: {' '.join(message.split())}", file=sys.stderr)
+    print(f"{erased()}{PROGRAM}: {' '.join(message.split())}", file=sys.stderr)
     return status

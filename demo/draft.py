@@ -1,8 +1,5 @@
 """Drafts the page of one source file: what it is called, says and cites, without embeddings."""
 
-from __future__ import annotations
-
-import json
 import re
 from collections.abc import Iterable
 from dataclasses import dataclass
@@ -12,18 +9,16 @@ from typing import Any
 
 from demo.imports import named_files
 from demo.languages import LICENCE
-from demo.sections import Outline, Section, comment_paragraphs, outline, plain
+from demo.sections import Outline, comment_paragraphs, outline, plain
 from demo.show import plural
-from demo.source_tree import Source
-
-FORMAT = 2  # raise it when drafting changes, so that the next build drafts every page anew
+from demo.source_tree import FORMAT, Source
 
 _LOW = re.compile(
     r"(?:^|/)(?:tests?|testing|examples?|\w+_test|fixtures?)/|(?:^|/)test_|_test\.\w+$"
     r"|(?:^|/)(?:licen[cs]e|copying|changelog|changes|news|history)[^/]*$",
     re.IGNORECASE,
 )
-_ENTRY = frozenset("__main__ main cli app index mod lib".split())
+_ENTRY = ("readme", "__main__", "main", "cli", "app", "index", "lib")
 _MODE_LINE = re.compile(r"-\*-.*?-\*-|^#!.*|^\W{0,5}@(?:file\s+\S+|brief\b)|coding[:=].*|-->")
 # No description: a date, a version, a name of somebody, an instruction to some program.
 _NO_WORDS = re.compile(
@@ -38,88 +33,49 @@ _NO_WORDS = re.compile(
 class Draft:
     """A page to be: ``fields`` are keywords of the page upsert, ``chunks`` lack embeddings only."""
 
-    page_id: str
     fields: dict[str, Any]
     chunks: list[dict[str, Any]]
 
 
-@dataclass(frozen=True, slots=True)
-class BuildCache:
-    """What a page remembers of its source, to tell a shift of lines from a change of text."""
-
-    digest: str
-    head: str
-    sections: list[tuple[int, int, str]]  # start, end, digest of heading and text
-    names: list[str]  # of the files that the source imports, as ``named_files`` gives them
-
-    def dump(self) -> str:
-        """The text kept in the page's ``build_cache``."""
-        return json.dumps([FORMAT, self.digest, self.head, self.sections, self.names])
-
-    @staticmethod
-    def parse(stored: str | None) -> BuildCache | None:
-        """The kept text read back; None when there is none or it is of another format."""
-        try:
-            kept, digest, head, sections, names = json.loads(stored or "null")
-            ranges = [(int(start), int(end), str(text)) for start, end, text in sections]
-            return BuildCache(digest, head, ranges, list(names)) if kept == FORMAT else None
-        except (ValueError, TypeError):
-            return None
-
-
 def draft_page(source: Source) -> Draft:
     """The page of one file; the same bytes always give the same draft."""
+    path, kind = source.path, source.language.kind
     cut = outline(source.language, source.text())
-    document = source.language.kind == "document"
     headings = (one.heading for one in cut.sections if not one.heading.startswith("overview"))
-    title = next(headings, source.path).split(", ")[0] if document else source.path
+    title = next(headings, path).split(", ")[0] if kind == "document" else path
     description = _description(source, cut)
-    folder = str(PurePosixPath(source.path).parent)
-    chunks = [_chunk(source.path, cut, section) for section in cut.sections]
-    texts = [(one.start, one.end, _digest(one.heading, cut.text(one))) for one in cut.sections]
-    head, names = _digest(title, description, *cut.symbols), named_files(source.path, cut.lines)
+    chunks = [
+        {
+            "heading": one.heading,
+            "content": f"{path}:{one.start}-{one.end}\n{cut.text(one)}",
+            "citations": [{"path": path, "start": one.start, "end": one.end}],
+        }
+        for one in cut.sections
+    ]
+    texts = (embedding_text(title, chunk) for chunk in chunks)
+    says = "\0".join([str(FORMAT), description, *cut.symbols, *texts])
     fields = {
+        "page_id": path,
         "title": title,
         "description": description,
         "importance": _importance(source, cut),
-        "level": "document" if document else "module",
-        "parent_section": None if folder == "." else folder,
-        "rel_path": source.path,
-        "source_files": [source.path],
-        "source_hashes": {source.path: source.digest},
+        "rel_path": path,
+        "source_files": [path],
+        "source_hashes": {path: source.digest},
         "symbols": cut.symbols[:200],
-        "citations": [_citation(source.path, section) for section in cut.sections],
-        "content_hash": _digest(*(chunk["content"] for chunk in chunks)),
-        "summary": f"{source.language.name}, {plural(len(cut.sections), 'section')}",
-        "build_cache": BuildCache(source.digest, head, texts, names).dump(),
-        "page_type": source.language.kind,
+        "citations": [chunk["citations"][0] for chunk in chunks],
+        # Of what the page says, wherever its lines are.
+        "content_hash": blake2b(says.encode("utf-8", "replace"), digest_size=16).hexdigest(),
+        "summary": f"{source.language.name}, {plural(len(chunks), 'section')}",
+        "build_cache": "\n".join(named_files(path, cut.lines)),
+        "page_type": kind,
     }
-    return Draft(source.path, fields, chunks)
+    return Draft(fields, chunks)
 
 
-def embedding_text(title: str, heading: str, content: str) -> str:
+def embedding_text(title: str, chunk: dict[str, Any]) -> str:
     """What an embedder is given of a chunk: title, heading and source, without the line numbers."""
-    return f"{title}\n{heading}\n{content.partition('\n')[2]}"
-
-
-def _digest(*texts: str) -> str:
-    return blake2b("\0".join(texts).encode("utf-8", "replace"), digest_size=8).hexdigest()
-
-
-def _citation(path: str, section: Section) -> dict[str, Any]:
-    return {"path": path, "start": section.start, "end": section.end}
-
-
-def _chunk(path: str, cut: Outline, section: Section) -> dict[str, Any]:
-    """One chunk; its text begins with the place it cites, on a line of its own."""
-    content = f"{path}:{section.start}-{section.end}\n{cut.text(section)}"
-    return {
-        "anchor": re.sub(r"\W+", "-", section.heading.lower()).strip("-"),
-        "heading": section.heading,
-        "content": content,
-        "citations": [_citation(path, section)],
-        "token_count": len(content.split()),
-    }
+    return f"{title}\n{chunk['heading']}\n{chunk['content'].partition('\n')[2]}"
 
 
 def _description(source: Source, cut: Outline) -> str:
@@ -131,10 +87,9 @@ def _description(source: Source, cut: Outline) -> str:
         if source.language.name == "Python" and cut.docstring:
             paragraphs = re.sub(r"\n(\W)\1+ *\n", "\n", cut.docstring).split("\n\n")
     each = (" ".join(paragraph.split()) for paragraph in paragraphs)
-    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), "")
-    if not words:
-        names = ", ".join(cut.symbols[:5])
-        words = f"Defines {names}." if names else f"{source.language.name} source."
+    names = ", ".join(cut.symbols[:5])
+    nothing = f"Defines {names}." if names else f"{source.language.name} source."
+    words = next((one for one in each if " " in one and not _NO_WORDS.match(one)), nothing)
     words = words.replace("`", "")
     return words if len(words) <= 200 else words[:199].rsplit(" ", 1)[0].rstrip(".,;:") + "…"
 
@@ -163,12 +118,9 @@ def _comments(lines: list[str], leading: bool) -> Iterable[str]:
 
 
 def _importance(source: Source, cut: Outline) -> str:
-    """Entry points and large modules first; tests, examples, data and tiny files last."""
+    """Entry points first; tests, examples, data and tiny files last."""
     stem = PurePosixPath(source.path).name.lower().partition(".")[0]
-    depth = source.path.count("/")
-    tiny = len(cut.lines) < 15 and stem != "readme"
-    if tiny or _LOW.search(source.path) or source.language.kind == "data":
+    is_tiny = len(cut.lines) < 15 and stem != "readme"
+    if is_tiny or _LOW.search(source.path) or source.language.kind == "data":
         return "low"
-    if (stem == "readme" and depth == 0) or (stem in _ENTRY and depth < 2) or len(cut.symbols) > 60:
-        return "high"
-    return "medium"
+    return "high" if stem in _ENTRY and "/" not in source.path else "medium"

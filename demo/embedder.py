@@ -1,12 +1,10 @@
 """Embedders: the built-in one, or a function of the user's."""
 
-from __future__ import annotations
-
-import importlib
 import math
 import sys
 from array import array
 from collections.abc import Callable
+from pkgutil import resolve_name
 from typing import Any
 
 from demo import hashed_features
@@ -15,14 +13,9 @@ from demo.wiki import Wiki
 
 
 class Embedder:
-    """Turns texts into vectors of one dimension and says what is wrong when it does not.
-
-    ``function`` takes a list of texts and returns as many sequences of numbers. ``model`` names
-    function and dimension; vectors of different models cannot be compared.
-    """
+    """Turns texts into vectors of one dimension; those of different ``model`` are not compared."""
 
     def __init__(self, name: str, function: Callable[[list[str]], Any]) -> None:
-        """Tries the function on one word; UserError when that does not give a vector."""
         self.name = name
         self.compares_words = function is hashed_features.embed
         self._function = function
@@ -49,42 +42,33 @@ def load_embedder(spec: str) -> Embedder:
     """The built-in embedder by its name, or the one that ``module:function`` names."""
     if spec == hashed_features.NAME:
         return Embedder(spec, hashed_features.embed)
-    module_name, colon, function_name = spec.partition(":")
-    if not (module_name and colon and function_name):
-        raise UserError(f"embedder '{spec}' is not of the form module:function")
     sys.path.append("")  # an embedder of the user's own may lie in the current folder
     try:
-        function: Any = importlib.import_module(module_name)
-        for part in function_name.split("."):
-            function = getattr(function, part)
+        function = resolve_name(spec)
     except (Exception, SystemExit) as error:
         raise UserError(f"embedder '{spec}' cannot be imported: {_told(error)}") from error
     return Embedder(spec, function)
 
 
 def chosen_embedder(wiki: Wiki, spec: str | None) -> Embedder:
-    """The named embedder; without a name the one that the wiki was built with.
-
-    UserError when that one is not to be had as it was: nothing is embedded again unasked.
-    """
-    model = wiki.state().get("model")
-    pages = [] if spec else wiki.repository.get_wiki_pages(wiki.branch)
-    if spec or not (model or pages):
+    """The named embedder, or the one the wiki was built with; UserError if that has changed."""
+    models = {page["model"] for page in wiki.repository.get_wiki_pages(wiki.branch)}
+    if spec or not models:
         return load_embedder(spec or hashed_features.NAME)
-    if model is None:
-        names = sorted({page["model"].rpartition("/")[0] for page in pages})
+    names = sorted(model.rpartition("/")[0] for model in models)
+    if len(models) > 1 or wiki.state().get("model") is None:
         choice = " or ".join(f"--embedder {name}" for name in names)
         how = "a build is running" if wiki.is_being_built else "a build was stopped"
         half = f"the embeddings of branch '{wiki.branch}' are half replaced, {how}"
         raise UserError(f"{half}: finish it with 'build' and {choice}")
-    again = f"--embedder {hashed_features.NAME} with 'build' embeds everything again, by words"
     try:
-        embedder = load_embedder(model.rpartition("/")[0])
+        embedder = load_embedder(names[0])
     except UserError as error:
+        again = f"--embedder {hashed_features.NAME} with 'build' embeds everything again, by words"
         raise UserError(f"{error}; the wiki was built with it: {again}") from error
-    if embedder.model != model:
+    if embedder.model not in models:
         changed = f"embedder '{embedder.name}' gives {embedder.dimension} numbers now, not as once"
-        raise UserError(f"{changed} '{model}': name it with --embedder to embed everything again")
+        raise UserError(f"{changed}: name it with --embedder to embed everything again")
     return embedder
 
 

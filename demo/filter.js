@@ -6,7 +6,6 @@ const folders = [...document.querySelectorAll("#folders details")].map((folder) 
   wasOpen: folder.open,
   pages: [...folder.querySelectorAll("li")],
 }));
-const cards = document.querySelector(".cards");
 
 function filter() {
   const words = box.value.toLowerCase().split(/\s+/).filter(Boolean);
@@ -21,7 +20,6 @@ function filter() {
     folder.open = words.length ? inFolder > 0 : wasOpen;
     shown += inFolder;
   }
-  if (cards) cards.hidden = words.length > 0;
   count.value = words.length ? (shown ? `${shown} found` : "nothing found") : "";
   const hash = words.length ? "#" + encodeURIComponent(box.value) : " ";
   history.replaceState(null, "", hash.trim() || location.pathname);

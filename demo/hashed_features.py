@@ -1,12 +1,9 @@
 """The built-in embedder: hashed features of words, word parts and letter runs. Offline, no model.
 
-Each chunk becomes a bag of words, identifiers split at underscores and capitals; each word gives
-features (its stem, and its letter runs of length 4), each feature a place and a sign in the vector
-by a hash ("feature hashing", Weinberger et al. 2009). A word that occurs n times weighs 1 + ln n.
-The vector has length 1. The same text gives the same vector in every process.
+Each word gives features, its stem and its letter runs; each feature has a place and a sign in the
+vector by a hash ("feature hashing", Weinberger et al. 2009). A word that occurs n times weighs
+1 + ln n. The same text gives the same vector in every process.
 """
-
-from __future__ import annotations
 
 import math
 import re
@@ -23,7 +20,6 @@ _MAX_WORD = 24
 _RUN = 4
 _RUN_WEIGHT = 0.35
 _COMMON_WEIGHT = 0.15
-_HEAD_WEIGHT = 2  # words of the first two lines (title and heading of a chunk) count double
 
 _ENDINGS = "ies ied ingly ings ing edly ed ions ion ors or ers er es s ly".split()
 
@@ -43,12 +39,9 @@ _COMMON = STOP_WORDS | frozenset(
 @lru_cache(maxsize=1 << 16)
 def word_parts(word: str) -> tuple[str, ...]:
     """The lower-case parts of one word: camelCase gives two, and itself as a whole."""
-    if word.isascii():
-        parts = [part.lower() for part in _PART.findall(word)]
-        if len(parts) > 1:
-            parts.append(word.lower())
-    else:
-        parts = [word.casefold()]
+    parts = [part.lower() for part in _PART.findall(word)] if word.isascii() else []
+    if len(parts) != 1:
+        parts.append(word.casefold())
     return tuple(part[:_MAX_WORD] for part in parts)
 
 
@@ -83,13 +76,13 @@ def _place(feature: str, weight: float) -> tuple[int, float]:
 
 def embed_one(text: str) -> list[float]:
     """The vector of one text; the zero vector when it holds no word."""
-    head = text.split("\n", 2)[:2]
     words = Counter(_WORD.findall(text))
-    words.update({word: _HEAD_WEIGHT - 1 for word in _WORD.findall("\n".join(head))})
-    parts: dict[str, int] = {}
+    head = " ".join(text.split("\n", 2)[:2])  # title and heading count double
+    words.update(set(_WORD.findall(head)))
+    parts: Counter[str] = Counter()
     for word, count in words.items():
         for part in word_parts(word):
-            parts[part] = parts.get(part, 0) + count
+            parts[part] += count
     vector = [0.0] * DIMENSION
     for part, count in parts.items():
         frequency = 1.0 + math.log(count)

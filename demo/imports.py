@@ -1,14 +1,10 @@
 """Tells which other files of the tree a file imports, includes or links to, where that shows."""
 
-from __future__ import annotations
-
 import re
 from collections.abc import Iterable, Iterator
 from pathlib import PurePosixPath
 from posixpath import basename, dirname, join, normpath
 
-_MOST = 40  # related pages of one page
-_FOLDER_PAGES = 12  # a larger folder is not what an import of it means
 _PATTERNS = {
     "py pyi": r"\s*(?:from\s+(\.*)([\w.]*)\s+import\s+\(?([\w, ]*)|import\s+([\w., ]+))",
     "js mjs cjs jsx ts mts tsx vue": r".*?\b(?:from|require|import)\s*\(?\s*[\"'](\.[^\"']*)[\"']",
@@ -24,14 +20,9 @@ _BY_SUFFIX = {
 
 
 def named_files(path: str, lines: Iterable[str]) -> list[str]:
-    """The names that a file gives to others, each once: paths, of which some may exist.
-
-    One with a leading slash counts from the top of the tree, one with a slash at its end is a
-    folder; any other may lie below some folder.
-    """
+    """The paths that a file names, of which some may exist, from some folder or "/" of the tree."""
     suffix = PurePosixPath(path).suffix[1:].lower()
-    if (pattern := _BY_SUFFIX.get(suffix)) is None:
-        return []
+    pattern = _BY_SUFFIX.get(suffix, re.compile("(?!)"))
     found = filter(None, (pattern.match(line[:400]) for line in lines))
     each = (name for one in found for name in _names(path, suffix, one.groups(default="")))
     return list(dict.fromkeys(each))
@@ -51,7 +42,7 @@ def _names(path: str, suffix: str, said: tuple[str, ...]) -> Iterator[str]:
             for name in (base, f"{base}/__init__", *below):
                 yield near(f"{name}.{suffix}") if dots else f"{name}.{suffix}"
     elif suffix == "go":
-        yield said[0] + "/"
+        yield said[0] + "/"  # a folder
     elif suffix == "rs":
         stem = PurePosixPath(path).stem
         inner = folder if stem in ("mod", "lib", "main") else f"{folder}/{stem}"
@@ -84,7 +75,7 @@ class Files:
     def related(self, path: str, names: Iterable[str]) -> list[str]:
         """The files that names in ``path`` mean, in their order; ambiguous ones mean none."""
         found = (one for name in names for one in self._meant(path, name) if one != path)
-        return list(dict.fromkeys(found))[:_MOST]
+        return list(dict.fromkeys(found))[:40]
 
     def _meant(self, path: str, name: str) -> list[str]:
         if name.startswith("/"):
@@ -94,7 +85,7 @@ class Files:
             below = ("/".join(parts[start:]) for start in range(1, len(parts)))
             inside = next((self._within[one] for one in below if one in self._within), [])
             inside = [one for one in inside if one.endswith(".go") and "_test." not in one]
-            return inside if len(inside) <= _FOLDER_PAGES else []
+            return inside if len(inside) <= 12 else []  # not a folder of everything
         alike = self._named.get(basename(name), ())
         ends = [one for one in alike if f"/{one}".endswith(f"/{name}")]
         near = [one for one in ends if one in (name, join(dirname(path), name))]

@@ -1,7 +1,5 @@
 """Which files are worth a page, and by what lines a definition or heading in them is recognised."""
 
-from __future__ import annotations
-
 import re
 from dataclasses import dataclass
 from pathlib import PurePosixPath
@@ -12,19 +10,14 @@ _COMMENTED = re.compile(r"\s*(?:#(?!\s*if|\s*e|\s*define)|//|/?\*|--|@|;)")
 
 @dataclass(frozen=True, slots=True)
 class Language:
-    """A kind of file: "source", "document" or "data", and how many bytes may be worth a page.
-
-    ``begins`` matches where a definition begins, given that line and the next; its one group that
-    matched is the name. Of a document it matches a line that is a heading; others stand above a
-    row of ``underlines``. ``above`` matches lines that belong to a definition below them.
-    """
+    """A kind of file, and how its definitions or headings are recognised."""
 
     name: str
-    kind: str
-    limit: int
-    begins: re.Pattern[str]
-    above: re.Pattern[str]
-    underlines: str
+    kind: str  # "source", "document" or "data"
+    limit: int  # bytes that may be worth a page
+    begins: re.Pattern[str]  # a definition, given its line and the next, or a heading; names it
+    above: re.Pattern[str]  # lines that belong to a definition below them
+    underlines: str  # rows of these make the line above them a heading
 
 
 LICENCE = re.compile(
@@ -46,9 +39,9 @@ _ABOVE_C = re.compile(r"\s*(?://|/?\*|\[\[|template\b|[\w<][\w:<>,*& \[\]]*$)(?!
 _WORDS = (
     r"[ \t]{0,8}(?:(?:public|private|protected|internal|static|final|abstract|sealed|override|open|"
     r"data|partial|virtual|async|default|export|inline|unsafe|extern|readonly|local)\s+)*"
-    r"(?:(?:class|interface|enum|record|@interface|object|trait|struct|protocol|extension|fun|func|"
-    r"function|def|defp|defmodule|defmacro|module|sub|message|service|rpc)\s+"
-    r"(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
+    r"(?:(?:class|@?interface|enum|record|object|trait|struct|protocol|extension|fun|"
+    r"func|function!?|fn|data|newtype|instance|defp?|defmodule|defmacro|module|sub|message|service|"
+    r"rpc)\s+(?P<name>\w[\w.:<>?!]*)|c?p?def\s+(?:[\w*]+\s+)*?(?P<typed>\w+)\s*[(:])"
 )
 _JAVA = _WORDS + (
     r"|(?:[ ]{2,8}|\t{1,2})(?!(?:return|else|new|throw|if|for|while|switch|case|try|catch|do|"
@@ -72,28 +65,24 @@ _RUST = (
 )
 _UNDERLINES = "=-~^\"'*+#`.:"
 _FAMILIES = (  # kind, what begins a definition or is a heading, names with their suffixes
-    ("source", "(?!)", "Python: py pyi pyw; Dockerfile: dockerfile"),
+    ("source", "(?!)", "Python: py pyi pyw python; Dockerfile: dockerfile /dockerfile"),
     ("source", _C, "C: c; C or C++ header: h; C++: cc cpp cxx c++ hh hpp hxx h++ inl ipp tcc cu;"
      " Objective-C: m mm; grammar: y l yy ll"),
     ("source", _JAVA, "Java: java; Kotlin: kt kts; C#: cs"),
-    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb; Elixir: ex exs;"
-     " Perl: pl pm; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd; other: dart gradle jl"),
-    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx; TypeScript: ts mts cts tsx"),
-    ("source", _SCRIPT + "|<(?P<part>template|script|style)", "Vue: vue"),
+    ("source", _WORDS, "Scala: scala; Swift: swift; PHP: php; Ruby: rb ruby; Elixir: ex exs;"
+     " Perl: pl pm perl; Protocol Buffers: proto; Lua: lua; Cython: pyx pxd;"
+     " Haskell: hs; Zig: zig; Vim script: vim; other: dart gradle jl"),
+    ("source", _SCRIPT, "JavaScript: js mjs cjs jsx node; TypeScript: ts mts cts tsx; Vue: vue"),
     ("source", _RUST, "Rust: rs"),
     ("source", r"(?:func\s+(?:\([^)]*\)\s*)?|type\s+|var\s+|const\s+)(?P<name>\w+)", "Go: go"),
-    ("source", r"(?:data|newtype|class|instance|type)\s+(?P<name>[^={]*\w)|(?P<value>\w+)\s*::",
-     "Haskell: hs"),
-    ("source", r"[ ]{0,4}(?:pub\s+)?(?:fn|const|test)\s+(?P<name>[\w\"]+)", "Zig: zig"),
-    ("source", r"\s*fu\w*!?\s+(?P<name>[\w:#.]+)", "Vim script: vim"),
     ("source", r"(?:function\s+)?(?P<name>[\w:-]+)\s*\(\)|function\s+(?P<other>[\w:-]+)",
-     "shell: sh bash zsh"),
+     "shell: sh bash zsh dash ksh"),
     ("source", r"(?i:create\s+(?:or\s+replace\s+)?(?:\w+\s+)??(?:table|view|index|trigger|function|"
      r"procedure)\s+(?:if\s+not\s+exists\s+)?(?P<name>[\w.\"`]+))", "SQL: sql"),
     ("source", r"(?P<name>[\w./%$(){}-]+(?:\s+[\w./%$(){}-]+)*)\s*::?(?!=)|define\s+(?P<text>\S+)",
-     "make: mk"),
-    ("source", r"(?i:function|macro)\s*\(\s*(?P<name>\w+)", "CMake: cmake"),
-    ("document", r"#{1,6}\s+(.*?)\s*#*\s*$", "Markdown: md markdown mdx"),
+     "make: mk /makefile /gnumakefile"),
+    ("source", r"(?i:function|macro)\s*\(\s*(?P<name>\w+)", "CMake: cmake /cmakelists.txt"),
+    ("document", r"#{1,6}\s+(.*?)\s*#*\s*$", "Markdown: md markdown mdx /readme /readme.txt"),
     ("document", "(?!)", "reStructuredText: rst; text: txt"),
     ("document", r"(?i:.*?<h[1-6][^>]*>(.*?)(?:</h[1-6]>|$))", "HTML: html htm xhtml"),
     ("document", r"={1,6}\s+(.*)", "AsciiDoc: adoc asciidoc"),
@@ -105,43 +94,32 @@ _FAMILIES = (  # kind, what begins a definition or is a heading, names with thei
 )  # fmt: skip
 _LIMITS = {"source": MAX_BYTES, "document": 1 << 18, "data": 1 << 16}
 
-_BY_SUFFIX: dict[str, Language] = {}
+_LANGUAGES: dict[str, Language] = {}  # by ".suffix" or "/name", both in small letters
 for _kind, _pattern, _row in _FAMILIES:
-    for _name, _suffixes in (entry.split(":") for entry in _row.split(";")):
+    for _name, _files in (entry.split(": ") for entry in _row.split("; ")):
         _begins = re.compile(_pattern, re.MULTILINE)
         _above = _ABOVE_C if _pattern is _C else _COMMENTED
-        _lines = {"rst": _UNDERLINES, "txt": _UNDERLINES, "md markdown mdx": "=-"}
-        _under = _lines.get(_suffixes.strip(), "")
-        _one = Language(_name.strip(), _kind, _LIMITS[_kind], _begins, _above, _under)
-        _BY_SUFFIX |= {"." + suffix: _one for suffix in _suffixes.split()}
-_BY_NAME = {
-    name: _BY_SUFFIX[suffix]
-    for name, suffix in (
-        ("makefile", ".mk"), ("gnumakefile", ".mk"), ("cmakelists.txt", ".cmake"),
-        ("dockerfile", ".dockerfile"), ("readme", ".md"), ("readme.txt", ".md"),
-    )
-}  # fmt: skip
-_BY_FIRST_LINE = {
-    re.compile(pattern): _BY_SUFFIX[suffix]
-    for pattern, suffix in (
-        (rb"-\*- *(?:mode: *)?C\+\+ *-\*-", ".cpp"), (rb"^#!.*\bpython", ".py"),
-        (rb"^#!.*\b(?:ba|da|k|z)?sh\b", ".sh"), (rb"^#!.*\bperl\b", ".pl"),
-        (rb"^#!.*\bruby\b", ".rb"), (rb"^#!.*\bnode\b", ".js"),
-    )
-}  # fmt: skip
+        _under = {"Markdown": "=-", "reStructuredText": _UNDERLINES, "text": _UNDERLINES}
+        _one = Language(_name, _kind, _LIMITS[_kind], _begins, _above, _under.get(_name, ""))
+        for _file in _files.split():
+            _LANGUAGES[_file if _file[0] == "/" else f".{_file}"] = _one
+_FIRST_LINE = re.compile(
+    r"#!.*\b(python|perl|ruby|node|(?:ba|da|k|z)?sh\b)|.*-\*- *(?:mode: *)?(c\+\+) *-\*-"
+)
+
+
+def _named(path: str) -> Language | None:
+    name = PurePosixPath(path.lower())
+    return _LANGUAGES.get(f"/{name.name}") or _LANGUAGES.get(name.suffix)
 
 
 def may_be_source(path: str) -> bool:
     """Whether the name alone rules the file in: a known suffix or name, or no suffix at all."""
     name = PurePosixPath(path)
-    known = name.suffix.lower() in _BY_SUFFIX or name.name.lower() in _BY_NAME
-    return known or (not name.suffix and not name.name.startswith("."))
+    return _named(path) is not None or not (name.suffix or name.name.startswith("."))
 
 
 def language_of(path: str, data: bytes) -> Language | None:
     """The language by name, else by the first line of the file; None when it is neither."""
-    name = PurePosixPath(path)
-    named = _BY_NAME.get(name.name.lower()) or _BY_SUFFIX.get(name.suffix.lower())
-    first_line = data[:200].split(b"\n", 1)[0]
-    told = (language for line, language in _BY_FIRST_LINE.items() if line.search(first_line))
-    return named or next(told, None)
+    told = _FIRST_LINE.match(data[:200].decode("latin-1").lower())
+    return _named(path) or (_LANGUAGES["." + (told[1] or told[2])] if told else None)

@@ -1,11 +1,7 @@
 """Searches a built wiki by meaning and by words; what is found are files."""
 
-from __future__ import annotations
-
 import math
 from collections import Counter
-from collections.abc import Iterator
-from dataclasses import dataclass
 from typing import Any
 
 from demo.embedder import Embedder
@@ -21,41 +17,8 @@ FUSED = 10.0  # weight of the store's own ranking beside the words: about that o
 _K1, _B = 1.2, 0.5  # of BM25: how soon repeating a word counts no more; how far length counts
 
 
-@dataclass(frozen=True, slots=True)
-class Hit:
-    """One file found, by its best chunk; ``more`` others of its chunks were found, too.
-
-    ``similarity`` is the chunk's cosine, -1 to 1.
-    """
-
-    score: float
-    similarity: float
-    page: str
-    title: str
-    heading: str
-    path: str
-    start: int
-    end: int
-    text: str
-    more: int
-
-    def excerpt(self, words: set[str], count: int) -> list[str]:
-        """The ``count`` lines after one another that hold the most stems of ``words``."""
-        lines = [line for line in self.text.split("\n") if line.strip()]
-        weights = [len(words.intersection(stems(line))) for line in lines]
-        starts = range(max(1, len(lines) - count + 1))
-        best = max(starts, key=lambda start: (sum(weights[start : start + count]), -start))
-        return lines[best : best + count]
-
-
-@dataclass(frozen=True, slots=True)
-class _Found:
-    """One chunk, and which of the question's words it holds."""
-
-    weight: float
-    record: dict[str, Any]
-    rarity: dict[str, float]
-    words: list[str]
+Hit = dict[str, Any]  # a file found: what ``search --json`` prints
+_Found = tuple[float, dict[str, Any], list[str]]  # a chunk's weight, its record, words it holds
 
 
 class Searcher:
@@ -65,105 +28,99 @@ class Searcher:
         """UserError when the wiki is empty or its embeddings are not of this embedder."""
         self._wiki = wiki
         self._embedder = embedder
-        self._pages: dict[str, tuple[list[set[str]], float]] = {}
-        explain_mismatch(wiki, embedder)
-        self._built = wiki.state()
+        self._look()
 
-    def ask(self, question: str, top_k: int) -> list[Hit]:
-        """The best files, best first; a build since the last question is noticed."""
-        state = self._wiki.state()
-        if state != self._built:
-            explain_mismatch(self._wiki, self._embedder)
-            self._wiki.repository.invalidate_wiki_chunk_index()
-            self._built = state
-            self._pages.clear()
-        (vector,) = self._embedder.embed([question])
-        terms = search_terms(question)
-        if not terms and not any(vector):
-            return []
-        records = self._wiki.repository.search_wiki_chunks(
-            vector, self._wiki.branch, max(DEPTH, 3 * top_k), terms=terms
-        )
-        weigh = self._by_words if self._embedder.compares_words else _by_store
-        files: dict[str, list[_Found]] = {}
-        for found in weigh(records, question):
-            files.setdefault(found.record["page_id"], []).append(found)
-        hits = [self._hit(page_id, chunks) for page_id, chunks in files.items()]
-        return sorted(hits, key=lambda hit: -hit.score)[:top_k]
+    def _look(self) -> None:
+        branch, self._built = self._wiki.branch, self._wiki.state()
+        self._pages: dict[str, tuple[list[set[str]], float]] = {}
+        if self._wiki.repository.wiki_chunk_dimension(branch) is None:
+            how = "is being built" if self._wiki.is_being_built else "is not finished ('build')"
+            raise UserError(f"the wiki of branch '{branch}' {how} and has no chunks yet")
+        model = self._built.get("model")
+        if model != self._embedder.model:
+            built = f"branch '{branch}' was built with '{model}', which cannot be compared with"
+            advice = "leave --embedder out, or 'build' with it"
+            raise UserError(f"{built} '{self._embedder.model}': {advice}")
 
     def note(self) -> str | None:
         """What the user should know of the answers: None, or that files are still missing."""
-        if not self._built or self._built["last_built_at"] is not None:
+        if self._built["last_built_at"] is not None:
             return None
         how = "still building" if self._wiki.is_being_built else "the first build stopped"
         return f"{how}; up to {self._built['changed_since_build']:,} files may be missing"
 
-    def _by_words(self, records: list[dict[str, Any]], question: str) -> Iterator[_Found]:
-        """The chunks that share words with the question, by stem, weighted by BM25.
+    def ask(self, question: str, top_k: int) -> list[Hit]:
+        """The best files, best first; a build since the last question is noticed."""
+        repository = self._wiki.repository
+        if self._wiki.state() != self._built:
+            self._look()
+            repository.invalidate_wiki_chunk_index()
+        (vector,) = self._embedder.embed([question])
+        terms = search_terms(question)
+        if not terms and not any(vector):
+            return []
+        depth = max(DEPTH, 3 * top_k)
+        records = repository.search_wiki_chunks(vector, self._wiki.branch, depth, terms=terms)
+        rarity: dict[str, float] = {}
+        if self._embedder.compares_words:
+            chunks = _by_words(records, question, rarity)
+        else:
+            chunks = [(one.get("score", one["similarity"]), one, []) for one in records]
+        files: dict[str, list[_Found]] = {}
+        for found in chunks:
+            files.setdefault(found[1]["page_id"], []).append(found)
+        hits = [self._hit(page_id, found, rarity) for page_id, found in files.items()]
+        return sorted(hits, key=lambda hit: -hit["score"])[:top_k]
 
-        How rare a word is shows from the chunks at hand; the store's order adds its part.
-        """
-        texts = (f"{one['heading']} {one['heading']}\n{one['content']}" for one in records)
-        counts = [Counter(stems(text)) for text in texts]
-        rarity = {}
-        for word in telling_stems(question):
-            held = sum(word in count for count in counts)
-            rarity[word] = math.log(1 + (len(counts) - held + 0.5) / (held + 0.5))
-        mean = sum(count.total() for count in counts) / max(1, len(counts))
-        for rank, (record, count) in enumerate(zip(records, counts, strict=True), 1):
-            damping = _K1 * (1 - _B + _B * count.total() / mean)
-            words = [word for word in rarity if word in count]
-            each = (rarity[word] * count[word] / (count[word] + damping) for word in words)
-            weight = (_K1 + 1) * sum(each) + FUSED * 60 / (60 + rank)
-            if words:
-                yield _Found(weight, record, rarity, words)
-
-    def _hit(self, page_id: str, chunks: list[_Found]) -> Hit:
+    def _hit(self, page_id: str, chunks: list[_Found], rarity: dict[str, float]) -> Hit:
         """A file by its best chunks, and by the words in them, in its name and description."""
-        chunks.sort(key=lambda chunk: -chunk.weight)
+        chunks.sort(key=lambda chunk: -chunk[0])
         places, worth = self._page(page_id)
-        places = [*places, set().union(*(chunk.words for chunk in chunks))]
-        score = sum(part * chunk.weight for part, chunk in zip(PARTS, chunks))
-        rarity = chunks[0].rarity.items()
-        score += sum(rare * sum(word in place for place in places) for word, rare in rarity)
-        record = chunks[0].record
-        citation = next(iter(record["citations"]), {})
-        return Hit(
-            score=round(score * worth, 4),
-            similarity=record["similarity"],
-            page=page_id,
-            title=record["title"],
-            heading=record["heading"] or "",
-            path=citation.get("path", record["rel_path"]),
-            start=citation.get("start", 0),
-            end=citation.get("end", 0),
-            text=record["content"].partition("\n")[2],
-            more=len(chunks) - 1,
-        )
+        places = [*places, {word for _weight, _record, words in chunks for word in words}]
+        score = sum(part * weight for part, (weight, *_) in zip(PARTS, chunks))
+        score += sum(rarity[word] * sum(word in place for place in places) for word in rarity)
+        record = chunks[0][1]
+        (citation,) = record["citations"]
+        return {
+            "score": round(score * worth, 4),
+            "similarity": record["similarity"],
+            "page": page_id,
+            "title": record["title"],
+            "heading": record["heading"],
+            **citation,
+            "text": record["content"].partition("\n")[2],
+            "more": len(chunks) - 1,
+        }
 
     def _page(self, page_id: str) -> tuple[list[set[str]], float]:
         """The stems of a page's path, description and symbols, and what its score is worth."""
         if page_id not in self._pages:
             page = self._wiki.repository.get_wiki_page(self._wiki.branch, page_id) or {}
-            size = len(page.get("citations") or ())
-            texts = (page_id, page.get("description") or "", " ".join(page.get("symbols") or ()))
+            texts = (page_id, page.get("description", ""), " ".join(page.get("symbols", ())))
             worth = LOW if page.get("importance") == "low" else 1.0
-            places = [set(stems(text)) for text in texts]
-            self._pages[page_id] = (places, worth / (1 + SIZE * math.log(1 + size)))
+            worth /= 1 + SIZE * math.log(1 + len(page.get("citations", ())))
+            self._pages[page_id] = ([set(stems(text)) for text in texts], worth)
         return self._pages[page_id]
 
 
-def _by_store(records: list[dict[str, Any]], _question: str) -> Iterator[_Found]:
-    for record in records:
-        yield _Found(record.get("score", record["similarity"]), record, {}, [])
+def _by_words(
+    records: list[dict[str, Any]], question: str, rarity: dict[str, float]
+) -> list[_Found]:
+    """The chunks that share words with the question: by BM25 among them, and the store's order.
 
-
-def explain_mismatch(wiki: Wiki, embedder: Embedder) -> None:
-    """UserError that says why no question can be answered; nothing when one can."""
-    if wiki.repository.wiki_chunk_dimension(wiki.branch) is None:
-        what = "is being built and" if wiki.is_being_built else "is not finished ('build') and"
-        raise UserError(f"the wiki of branch '{wiki.branch}' {what} has no chunks yet")
-    model = wiki.state().get("model")
-    if model != embedder.model:
-        built = f"branch '{wiki.branch}' was built with '{model}', which cannot be compared with"
-        raise UserError(f"{built} '{embedder.model}': leave --embedder out, or 'build' with it")
+    Fills in how rare each word is.
+    """
+    texts = (f"{one['heading']} {one['heading']}\n{one['content']}" for one in records)
+    counts = [Counter(stems(text)) for text in texts]
+    for word in telling_stems(question):
+        held = sum(word in count for count in counts)
+        rarity[word] = math.log(1 + (len(counts) - held + 0.5) / (held + 0.5))
+    mean = sum(count.total() for count in counts) / max(1, len(counts))
+    found = []
+    for rank, (record, count) in enumerate(zip(records, counts, strict=True), 1):
+        damping = _K1 * (1 - _B + _B * count.total() / mean)
+        words = [word for word in rarity if word in count]
+        each = (rarity[word] * count[word] / (count[word] + damping) for word in words)
+        if words:
+            found.append(((_K1 + 1) * sum(each) + FUSED * 60 / (60 + rank), record, words))
+    return found

@@ -4,14 +4,13 @@ Every language gives *marks*, the lines at which something begins; the rest is t
 small neighbours are merged, long sections are split at blank lines.
 """
 
-from __future__ import annotations
-
+import ast
 import re
+import warnings
 from collections.abc import Iterator
-from dataclasses import dataclass, field
+from dataclasses import dataclass, replace
 
 from demo.languages import LICENCE, Language
-from demo.python_marks import python_marks
 
 MERGE_LINES = 30  # neighbours are merged while they fit into this
 TINY_LINES = 4  # shorter ones always join the next, such as the first lines of a large class
@@ -20,6 +19,7 @@ BLOCK_LINES = 60  # into parts of about this
 LONG_NOTICE = 25  # lines; no licence speaks that long without a pause
 MAX_DEFINITION = 400  # characters; a longer line is data, and patterns would be slow on it
 
+_Definition = ast.FunctionDef | ast.AsyncFunctionDef | ast.ClassDef
 _HEADING = "heading"  # the group of the sections of a document
 _BETWEEN = "between"  # the group of what is no import, comment or definition
 _MARKUP = re.compile(r":[\w:-]+:(?=`)|!?\[([^\]]*)\]\([^)]*\)|</?[A-Za-z][^>]*>|[*`]")
@@ -35,15 +35,12 @@ _IMPORT = re.compile(
 
 @dataclass(frozen=True, slots=True)
 class Mark:
-    """Something begins at ``line`` (from 1). No heading: not worth citing until the next mark.
-
-    Only marks of one ``group`` are merged; a ``symbol`` is a name that the file defines.
-    """
+    """Something begins at ``line``, counted from 1."""
 
     line: int
-    heading: str | None
-    group: str = ""
-    symbol: bool = False
+    heading: str | None  # None: not worth citing until the next mark
+    group: str = ""  # only marks of one group are merged
+    symbol: bool = False  # the heading is a name that the file defines
 
 
 @dataclass(frozen=True, slots=True)
@@ -53,8 +50,7 @@ class Section:
     heading: str
     start: int
     end: int
-    group: str = field(default="", compare=False)
-    part: int = field(default=0, compare=False)  # of the file, by what is left out between
+    group: tuple[str, int]  # the mark's, and how much is left out before
 
 
 @dataclass(frozen=True, slots=True)
@@ -76,11 +72,11 @@ def outline(language: Language, text: str) -> Outline:
     lines = text.split("\n")
     docstring = ""
     if language.name == "Python":
-        found, docstring = python_marks(text, lines, SPLIT_LINES)
-        marks = [Mark(*mark) for mark in found]
+        marks, docstring = _python_marks(text, lines)
+    elif language.kind == "document":
+        marks = _heading_marks(lines, language)
     else:
-        cut = _heading_marks if language.kind == "document" else _definition_marks
-        marks = cut(lines, language)
+        marks = _definition_marks(lines, language)
     symbols = [mark.heading for mark in marks if mark.symbol and mark.heading]
     sections = _ranges(marks, lines) or _ranges([Mark(1, "overview")], lines)
     parts = [part for one in _merged(sections) for part in _split(one, lines)]
@@ -90,6 +86,46 @@ def outline(language: Language, text: str) -> Outline:
 def plain(heading: str) -> str:
     """A heading or paragraph without links, tags and emphasis."""
     return _MARKUP.sub(lambda match: match[1] or "", heading).strip()
+
+
+def _python_marks(text: str, lines: list[str]) -> tuple[list[Mark], str]:
+    """Marks at definitions, members of large classes included, and at runs of other statements.
+
+    With them the file's docstring; nothing of a file that does not parse.
+    """
+    try:
+        with warnings.catch_warnings(action="ignore"):
+            tree = ast.parse(text)
+    except (SyntaxError, ValueError, RecursionError, MemoryError):
+        return [], ""
+    marks: list[Mark] = []
+    docstring = ast.get_docstring(tree)
+    for position, node in enumerate(tree.body):
+        if isinstance(node, _Definition):
+            _mark_definition(node, "", lines, marks)
+            continue
+        named = "overview" if position == 0 and docstring is not None else "module level"
+        is_import = isinstance(node, ast.Import | ast.ImportFrom)
+        mark = Mark(node.lineno, None if is_import else named, "imports" if is_import else named)
+        # Not when it continues the run before it or shares its line.
+        if not marks or (marks[-1].line < mark.line and replace(marks[-1], line=mark.line) != mark):
+            marks.append(mark)
+    return marks, docstring or ""
+
+
+def _mark_definition(node: _Definition, parent: str, lines: list[str], marks: list[Mark]) -> None:
+    start = min([node.lineno, *(decorator.lineno for decorator in node.decorator_list)])
+    above = marks[-1].line + 1 if marks else 1
+    while start > above and lines[start - 2].lstrip().startswith("#"):
+        start -= 1
+    name = f"{parent}.{node.name}" if parent else node.name
+    end = node.end_lineno or start
+    is_large = isinstance(node, ast.ClassDef) and end - start >= SPLIT_LINES
+    if not marks or marks[-1].line < start:
+        marks.append(Mark(start, name, name if is_large else parent, True))
+    for member in node.body if is_large else ():
+        if isinstance(member, _Definition):
+            _mark_definition(member, name, lines, marks)
 
 
 def _heading_marks(lines: list[str], language: Language) -> list[Mark]:
@@ -121,7 +157,7 @@ def _definition_marks(lines: list[str], language: Language) -> list[Mark]:
     notice = _notice_lines(lines)
     bracket = ""  # what closes a group of imports
     for number, line in enumerate(lines, 1):
-        if number in notice or not (marks or any(map(str.isalnum, line))):
+        if number in notice or not (marks or _has_words(line)):
             above = number + 1
             if not marks or marks[-1].heading is not None:
                 marks.append(Mark(number, None))
@@ -152,95 +188,80 @@ def comment_paragraphs(lines: list[str], leading: bool) -> Iterator[list[int]]:
     """Line numbers of each paragraph of comment; ``leading``: of those at the top alone."""
     paragraph: list[int] = []
     inside = False  # a comment whose lines need no mark of their own
-    for number, line in enumerate(lines, 1):
+    for number, line in enumerate([*lines, ""], 1):
         is_comment = inside or _COMMENT.match(line)
         if inside or line.lstrip().startswith("/*"):
             inside = "*/" not in line
-        if is_comment and any(map(str.isalnum, line)):
+        if is_comment and _has_words(line):
             paragraph.append(number)
-            continue
-        if paragraph:
+        elif paragraph:
             yield paragraph
             paragraph = []
         if leading and not is_comment and line.strip():
             return
-    if paragraph:
-        yield paragraph
 
 
 def _notice_lines(lines: list[str]) -> set[int]:
     """The lines of a file's leading comment that speak of its licence: nothing to search for.
 
-    Paragraphs go whole, with the short ones between them. Of a long one only the lines go that
-    say it: the others are likely to describe something.
+    Paragraphs go whole, with what is between them; of a long one, the lines that say it.
     """
-    notice: list[int] = []
-    between: list[int] = []
+    notice: set[int] = set()
     for paragraph in comment_paragraphs(lines, leading=True):
-        if not LICENCE.search(" ".join(lines[number - 1] for number in paragraph)):
-            between += paragraph
-        elif len(paragraph) > LONG_NOTICE:
-            notice += [number for number in paragraph if LICENCE.search(lines[number - 1])]
-        else:
-            notice += between if notice and len(between) <= LONG_NOTICE else []
-            notice += paragraph
-            between = []
+        told = [number for number in paragraph if LICENCE.search(lines[number - 1])]
+        if told and len(paragraph) <= LONG_NOTICE:
+            between = range(max(notice, default=paragraph[0]), paragraph[0])
+            notice.update(paragraph, between if len(between) <= LONG_NOTICE else ())
+        notice.update(told)
     first, last = min(notice, default=1), max(notice, default=0)
-    empty = (n for n in range(first, last) if not any(map(str.isalnum, lines[n - 1])))
-    return {*notice, *empty}
+    return notice.union(n for n in range(first, last) if not _has_words(lines[n - 1]))
+
+
+def _has_words(line: str) -> bool:
+    return any(map(str.isalnum, line))
 
 
 def _ranges(marks: list[Mark], lines: list[str]) -> list[Section]:
-    """Each mark's lines up to the next mark, without the blank ones around them.
-
-    A lone line between imports and definitions (a namespace, an include guard) is left out.
-    """
+    """Each mark's lines up to the next mark, but a lone one between imports and definitions."""
     sections = []
     part = 0
     for mark, end in zip(marks, [*(mark.line - 1 for mark in marks[1:]), len(lines)]):
         part += mark.heading is None
-        start = mark.line
-        while start <= end and not lines[start - 1].strip():
-            start += 1
-        while end >= start and not lines[end - 1].strip():
-            end -= 1
-        is_worth_it = start < end or (start == end and mark.group != _BETWEEN)
-        if mark.heading is not None and is_worth_it:
-            sections.append(Section(mark.heading, start, end, mark.group, part))
+        full = [line for line in range(mark.line, end + 1) if lines[line - 1].strip()]
+        if mark.heading is not None and len(full) > (mark.group == _BETWEEN):
+            sections.append(Section(mark.heading, full[0], full[-1], (mark.group, part)))
     return sections
 
 
 def _merged(sections: list[Section]) -> list[Section]:
     merged: list[Section] = []
     for section in sections:
-        last = merged[-1] if merged else None
-        if last is not None and _joins(last, section):
-            heading = last.heading
-            if section.heading not in heading.split(", ") and len(heading) < 60:
-                heading = f"{heading}, {section.heading}"
-            merged[-1] = Section(heading, last.start, section.end, last.group, last.part)
-        else:
+        if not merged or not _joins(merged[-1], section):
             merged.append(section)
+            continue
+        heading = merged[-1].heading
+        if section.heading not in heading.split(", ") and len(heading) < 60:
+            heading = f"{heading}, {section.heading}"
+        merged[-1] = replace(merged[-1], heading=heading, end=section.end)
     return merged
 
 
 def _joins(last: Section, section: Section) -> bool:
-    if (last.group, last.part) != (section.group, section.part):
-        return False
     lines = last.end - last.start + 1
-    if last.group == _HEADING:  # every heading of a document is worth finding; a bare one is not
+    if last.group[0] == _HEADING:  # every heading of a document is worth finding; a bare one is not
         return lines <= 2
-    return lines <= TINY_LINES or section.end - last.start < MERGE_LINES
+    fits = lines <= TINY_LINES or section.end - last.start < MERGE_LINES
+    return fits and last.group == section.group
 
 
 def _split(section: Section, lines: list[str]) -> Iterator[Section]:
     """Parts of about ``BLOCK_LINES``, cut at a blank line where one is near."""
-    heading, start, number = section.heading, section.start, 1
-    while section.end - start >= SPLIT_LINES:
-        cut = start + BLOCK_LINES
-        near = range(cut, max(start, cut - BLOCK_LINES // 3), -1)
+    rest, number = section, 1
+    while rest.end - rest.start >= SPLIT_LINES:
+        cut = rest.start + BLOCK_LINES
+        near = range(cut, cut - BLOCK_LINES // 3, -1)
         cut = next((line for line in near if not lines[line - 1].strip()), cut)
-        yield Section(heading, start, cut)
-        start, number = cut + 1, number + 1
-        heading = f"{section.heading} ({number})"
-    yield Section(heading, start, section.end)
+        yield replace(rest, end=cut)
+        number += 1
+        rest = replace(rest, heading=f"{section.heading} ({number})", start=cut + 1)
+    yield rest

@@ -1,21 +1,22 @@
 """What a terminal shows: widths, colour, and a progress bar that a pipe never sees."""
 
-from __future__ import annotations
-
 import os
 import shutil
 import sys
 import time
+from collections.abc import Iterator, Sequence
 from typing import TextIO
 
-_REDRAW_SECONDS = 0.1
 _UNBOUNDED = 10_000
 
 
 def width() -> int:
     """Columns to write in: the terminal's, at least 30; where there is none nothing is cut."""
-    columns = max(30, min(shutil.get_terminal_size((100, 24)).columns, 160))
-    return columns if is_terminal(sys.stdout) else _UNBOUNDED
+    return max(30, _columns()) if is_terminal(sys.stdout) else _UNBOUNDED
+
+
+def _columns() -> int:
+    return shutil.get_terminal_size().columns
 
 
 def cut(text: str, columns: int) -> str:
@@ -35,13 +36,6 @@ def plural(count: int, noun: str) -> str:
     return f"{count:,} {noun}{ending}"
 
 
-def duration(seconds: float) -> str:
-    """``3.2 ms``, ``1.4 s`` or ``2 min 5 s``."""
-    if seconds < 1:
-        return f"{seconds * 1000:.1f} ms"
-    return f"{seconds:.1f} s" if seconds < 60 else f"{seconds // 60:.0f} min {seconds % 60:.0f} s"
-
-
 def is_terminal(stream: TextIO) -> bool:
     """Whether a person is likely to look at the stream."""
     return stream.isatty() and os.environ.get("TERM") != "dumb"
@@ -54,39 +48,19 @@ def styled(style: str, text: str) -> str:
     return f"\x1b[{dict(bold=1, dim=2, path=36)[style]}m{text}\x1b[0m"
 
 
-class Progress:
-    """A bar on standard error, redrawn at most ten times a second and wiped when finished."""
+def tracked[Item](label: str, items: Sequence[Item]) -> Iterator[Item]:
+    """The items; meanwhile a bar on standard error, if that is a terminal, wiped at the end."""
+    drawn = 0.0
+    for done, item in enumerate(items, 1):
+        yield item
+        if is_terminal(sys.stderr) and time.monotonic() - drawn >= 0.1:
+            drawn = time.monotonic()
+            bar = "#" * (30 * done // len(items))
+            line = cut(f"{label} [{bar:.<30}] {done:,}/{len(items):,}", _columns() - 1)
+            print(f"{erased()}{line}", end="", file=sys.stderr, flush=True)
+    print(erased(), end="", file=sys.stderr, flush=True)
 
-    def __init__(self) -> None:
-        self._on = is_terminal(sys.stderr)
-        self.start("", 0)
 
-    def start(self, label: str, total: int) -> None:
-        """Begins a new bar of ``total`` steps."""
-        self._label, self._total, self._done = label, total, 0
-        self._began, self._drawn = time.monotonic(), 0.0
-
-    def step(self) -> None:
-        """One more step is done."""
-        self._done += 1
-        now = time.monotonic()
-        if self._on and now - self._drawn >= _REDRAW_SECONDS:
-            self._drawn = now
-            self._draw(now - self._began)
-
-    def finish(self) -> None:
-        """Wipes the bar."""
-        if self._on and self._drawn:
-            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
-            self._drawn = 0.0
-
-    def _draw(self, seconds: float) -> None:
-        total = max(self._total, self._done)
-        figures = f" {self._done:,}/{total:,}"
-        if seconds > 2:
-            figures += f"  {duration(seconds / self._done * (total - self._done))} left"
-        columns = shutil.get_terminal_size((80, 24)).columns - 1
-        room = max(0, min(40, columns - len(self._label) - len(figures) - 3))
-        bar = f" [{'#' * (room * self._done // total):.<{room}}]"
-        line = cut(self._label + bar + figures, columns)
-        print(f"\r{line}\x1b[K", end="", file=sys.stderr, flush=True)
+def erased() -> str:
+    """What takes a bar away, so that a message may stand in its place."""
+    return "\r\x1b[K" if is_terminal(sys.stderr) else ""

@@ -1,7 +1,5 @@
 """Finds and opens the wiki a command works on: which database, which tree, which branch."""
 
-from __future__ import annotations
-
 import fcntl
 import os
 import shutil
@@ -19,7 +17,7 @@ from tessaly.storage.database import Database
 from tessaly.storage.repository import Repository
 
 from demo.errors import UserError
-from demo.git import Checkout, branch_of, checkout
+from demo.source_tree import Checkout, branch_of, checkout
 
 # Which trees and branches a database holds is kept as pages of a branch that git cannot have.
 _CATALOGUE = ":wikis"
@@ -59,10 +57,7 @@ def default_database(root: Path) -> Path:
 
 @contextmanager
 def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wiki]:
-    """The wiki of the tree ``repo``; its database file is created when there is none.
-
-    Nobody else builds into the file meanwhile. A new one goes again when no build was begun.
-    """
+    """The wiki of a tree, for one build at a time; a new file goes when none was begun."""
     root = folder(repo)
     tree = checkout(root)
     chosen = _valid(branch) or (tree.branch if tree else "main")
@@ -89,26 +84,23 @@ def wiki_to_build(repo: str, db: str | None, branch: str | None) -> Iterator[Wik
 def built_wiki(
     repo: str | None, db: str | None, branch: str | None, to_change: bool = False
 ) -> Iterator[Wiki]:
-    """A wiki that was built before; UserError when there is none. ANY_BRANCH will do.
-
-    One that is not to be changed may lie where nothing can be written.
-    """
+    """A wiki that was built before, ``to_change`` or just to read; UserError when there is none."""
     root = folder(repo) if repo else None
     path = _file(db, root)
     if not path.exists() or path.stat().st_size == 0:
         raise UserError(f"no wiki at {path}: make one with 'build'")
-    is_being_built = _is_locked(path)  # asked before SQLite has locks of its own on the file
+    with path.open("rb") as file:  # before SQLite has locks of its own on it
+        is_being_built = not _lock(file, fcntl.LOCK_SH)
     with (
         _locked(path) if to_change else nullcontext(),
-        nullcontext(path) if to_change else _writable(path) as place,
+        _writable(path) as place,
         _opened(place) as repository,
     ):
         pages = repository.get_wiki_pages(_CATALOGUE)
         trees = {page["page_id"]: Path(page["rel_path"]) for page in pages}
         first = next(iter(trees), "")
-        folders = {root} if root else set(trees.values())
-        if len(folders) == 1:
-            (root,) = folders
+        if not root and len(set(trees.values())) == 1:
+            root = trees[first]
         has_git = any(page["level"] == "checkout" for page in pages)
         current = branch_of(root) if root and has_git and root.is_dir() else None
         likely = first if len(trees) == 1 else "main" if root else ""
@@ -124,9 +116,10 @@ def branches(wiki: Wiki) -> list[dict[str, Any]]:
     """Each branch of the database: its name, tree, number of pages and time of the last build."""
     rows = []
     for page in wiki.repository.get_wiki_pages(_CATALOGUE):
-        state = wiki.repository.get_wiki_state(page["page_id"]) or {}
-        told = {name: state.get(name) for name in ("page_count", "last_built_at")}
-        rows.append({"branch": page["page_id"], "repository": page["rel_path"], **told})
+        branch = page["page_id"]
+        state = wiki.repository.get_wiki_state(branch) or {"page_count": 0, "last_built_at": None}
+        told = {name: state[name] for name in ("page_count", "last_built_at")}
+        rows.append({"branch": branch, "repository": page["rel_path"], **told})
     return rows
 
 
@@ -168,11 +161,6 @@ def _locked(path: Path) -> Iterator[None]:
         yield
 
 
-def _is_locked(path: Path) -> bool:
-    with path.open("rb") as file:
-        return not _lock(file, fcntl.LOCK_SH)
-
-
 def _lock(file: BinaryIO, kind: int) -> bool:
     try:
         fcntl.flock(file, kind | fcntl.LOCK_NB)
@@ -188,19 +176,17 @@ def _writable(path: Path) -> Iterator[Path]:
         yield path
         return
     with tempfile.TemporaryDirectory() as folder_of_copy:
-        copy = Path(folder_of_copy, path.name)
-        for ending in ("", "-wal"):
-            if os.path.exists(f"{path}{ending}"):
-                shutil.copyfile(f"{path}{ending}", f"{copy}{ending}")
-        yield copy
+        for name in (path.name, f"{path.name}-wal"):
+            if path.with_name(name).exists():
+                shutil.copyfile(path.with_name(name), Path(folder_of_copy, name))
+        yield Path(folder_of_copy, path.name)
 
 
 def folder(repo: str) -> Path:
     """The folder that was named, absolute; UserError when there is none."""
     root = Path(repo).resolve()
     if not root.is_dir():
-        missing = f"there is no folder {repo}"
-        raise UserError(f"{repo} is not a folder" if root.exists() else missing)
+        raise UserError(f"there is no folder {repo}")
     return root
 
 
