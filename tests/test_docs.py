@@ -1,7 +1,5 @@
 """The documents against the project: examples run, and what is named is there."""
 
-from __future__ import annotations
-
 import itertools
 import os
 import re
@@ -18,11 +16,9 @@ from tessaly.storage import repository_wiki
 ROOT = Path(__file__).resolve().parent.parent
 DOCUMENTS = [ROOT / "README.md", *sorted(ROOT.glob("C*.md")), *sorted(ROOT.glob("docs/*.md"))]
 TEXTS = {document: document.read_text(encoding="utf-8") for document in DOCUMENTS}
-CONTRACT = TEXTS[ROOT / "docs" / "host-contract.md"]
 BUILD = Path(repository_wiki.__file__).parents[3]  # of the tree that is being tested
 
 FENCE = re.compile(r"^ *```(\w+)\n(.*?)^ *```$", re.M | re.S)
-MADE = ("build", "dist", "/")  # paths that are made later, or are the reader's
 
 
 def blocks(text: str) -> list[tuple[str, str]]:
@@ -80,19 +76,3 @@ class Documents(unittest.TestCase):
         names = (Path(repository_wiki.__file__).name, "repository_wiki.pyi", "py.typed")
         installed = {path for path in Path(self.folder).rglob("*") if path.is_file()}
         self.assertEqual(installed, {folder / name for name in names})
-
-    def test_files_that_are_named_exist(self) -> None:
-        for document, text in TEXTS.items():
-            prose = FENCE.sub("", text)
-            named = re.findall(r"`([\w./-]+(?:/|\.(?:md|h|cpp|py|pyi|toml)))`", prose)
-            named = [name for name in named if not name.startswith(MADE)]
-            # The design speaks of the module's own files without their folder.
-            homes = (document.parent, ROOT, ROOT / "storage")
-            for name in named + re.findall(r"\]\(([^)#]+)(?:#[\w-]+)?\)", prose):
-                self.assertTrue(any((home / name).exists() for home in homes), name)
-
-    def test_contract_lists_what_the_module_imports(self) -> None:
-        rows = re.findall(r"^\| `tessaly\.storage\.\w+` \| `(\w+)` \|", CONTRACT, re.M)
-        own = {"json", "logging", "logger", "Callable", "Sequence", "Any", "WikiStore"}
-        names = {name for name in vars(repository_wiki) if not name.startswith("__")}
-        self.assertEqual(sorted(rows), sorted(names - own))

@@ -1,7 +1,5 @@
 """The stub against the running module: an editor must see the methods that are there."""
 
-from __future__ import annotations
-
 import ast
 import inspect
 import types

@@ -1,7 +1,5 @@
 """What the commands say on a machine that lacks something, played by programs put on PATH."""
 
-from __future__ import annotations
-
 import shlex
 import shutil
 import subprocess
