@@ -1,7 +1,5 @@
 """The host check: good hosts pass whole, and each way of breaking one is named first and alone."""
 
-from __future__ import annotations
-
 import contextlib
 import functools
 import itertools

@@ -1,7 +1,5 @@
 """The reference host's database: what would lose rows, mix up threads or harm a stranger's file."""
 
-from __future__ import annotations
-
 import contextlib
 import functools
 import random
@@ -33,8 +31,12 @@ class HostDatabase(unittest.TestCase):
 
     def in_thread(self, body: Any) -> Any:
         """The result of ``body`` in another thread, or its exception."""
-        with ThreadPoolExecutor(1) as threads:
-            return (work := threads.submit(body)).exception(20) or work.result()
+        threads = ThreadPoolExecutor(1)
+        work = threads.submit(body)
+        try:
+            return work.exception(5) or work.result()
+        finally:
+            threads.shutdown(wait=work.done())  # what waits for this thread is not waited for
 
     def execute(self, name: str, *statements: str) -> None:
         """Runs statements on a file as a stranger would, without enforced keys."""

@@ -1,7 +1,5 @@
 """The reference host's search: codec, cosine index, word index and their fusion."""
 
-from __future__ import annotations
-
 import functools
 import itertools
 import random

@@ -1,7 +1,5 @@
 """Threads and interpreters side by side, and what would take the whole process down."""
 
-from __future__ import annotations
-
 import _interpreters
 import faulthandler
 import subprocess
