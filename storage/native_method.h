@@ -2,6 +2,7 @@
 
 #include <Python.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
