@@ -1,6 +1,7 @@
 #include "bound_arguments.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace tessaly {
 
@@ -22,8 +23,8 @@ std::size_t find_parameter(PyObject* names, PyObject* name) {
 }  // namespace
 
 BoundArguments::~BoundArguments() {
-  for (std::size_t i = 0; owned_ >> i != 0; ++i)
-    if ((owned_ >> i & 1U) != 0) py::drop(Owned::steal(values_[i]));
+  for (; owned_ != 0; owned_ &= owned_ - 1)
+    Py_DECREF(values_[static_cast<std::size_t>(std::countr_zero(owned_))]);
 }
 
 void BoundArguments::own(std::size_t position, Owned value) noexcept {
@@ -34,7 +35,8 @@ void BoundArguments::own(std::size_t position, Owned value) noexcept {
 bool BoundArguments::bind(PyObject* function, PyObject* names, std::size_t positional,
                           PyObject* const* passed, std::size_t count, PyObject* keyword_names) {
   if (count > positional) return false;
-  std::copy_n(passed, count, values_.begin());
+  std::fill(std::copy_n(passed, count, values_.begin()), values_.begin() + tuple_size(names),
+            nullptr);
   return (keyword_names == nullptr || place_keywords(names, passed + count, keyword_names)) &&
          fill_defaults(function, positional) && fill_keyword_defaults(function, names, positional);
 }

@@ -15,7 +15,7 @@ inline constexpr std::size_t kMostParameters = 20;
 /// that the caller passed are borrowed from it for the length of the call; defaults are owned here.
 class BoundArguments {
  public:
-  BoundArguments() noexcept = default;
+  BoundArguments() noexcept {}
   BoundArguments(const BoundArguments&) = delete;
   BoundArguments& operator=(const BoundArguments&) = delete;
   ~BoundArguments();
@@ -34,8 +34,8 @@ class BoundArguments {
   bool fill_keyword_defaults(PyObject* function, PyObject* names, std::size_t positional);
   void own(std::size_t position, py::Owned value) noexcept;
 
-  std::array<PyObject*, kMostParameters> values_{};
-  std::uint32_t owned_ = 0;  // a bit for each
+  std::array<PyObject*, kMostParameters> values_;  // from `bind` on: null is none yet
+  std::uint32_t owned_ = 0;                        // a bit for each
 };
 
 }  // namespace tessaly

@@ -16,7 +16,7 @@ Owned Call::import_json() const {
 
 Owned Call::round_to_4_digits(py::Handle value) const {
   const Owned round = global(names().round);
-  if (PyFloat_CheckExact(value.ptr()) && py::is_builtin(round, "round", state_.globals.builtins))
+  if (round.ptr() == state_.round.ptr() && PyFloat_CheckExact(value.ptr()))
     if (const auto rounded = py::round_to_4_digits(PyFloat_AS_DOUBLE(value.ptr())))
       return Owned::steal(PyFloat_FromDouble(*rounded));
   return py::call(round, value, py::integer(4));

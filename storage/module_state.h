@@ -33,10 +33,11 @@ struct ModuleState {
   py::Globals globals;  // the module's own namespace, where the host names are read
   py::Json json;
 
+  py::Member round;       // the builtin, if it was the interpreter's own at the import
   py::Member chunk_rows;  // makes the generator that ChunkWords.build consumes
 
   [[nodiscard]] int traverse(visitproc visit, void* arg) const {
-    for (const py::Member* member : {&globals.names, &globals.builtins, &chunk_rows})
+    for (const py::Member* member : {&globals.names, &globals.builtins, &round, &chunk_rows})
       if (const int status = member->traverse(visit, arg)) return status;
     return json.traverse(visit, arg);  // all else is text and code
   }
@@ -44,7 +45,8 @@ struct ModuleState {
   /// Lets go of what may be part of a reference cycle.
   void clear() noexcept {
     cleared = true;
-    for (py::Member* member : {&globals.names, &globals.builtins, &chunk_rows}) member->clear();
+    for (py::Member* member : {&globals.names, &globals.builtins, &round, &chunk_rows})
+      member->clear();
     json.clear();
   }
 };

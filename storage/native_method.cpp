@@ -40,8 +40,8 @@ PyObject* native(PyObject* module, PyObject* const* arguments, Py_ssize_t count)
   });
 }
 
-PyMethodDef kNative{"native", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(native)),
-                    METH_FASTCALL, nullptr};
+const auto kRunNative = reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(native));
+PyMethodDef kNative{"native", kRunNative, METH_FASTCALL, nullptr};
 
 /// The module of a method's function, or null when its closure is no longer what it was made with.
 PyObject* module_behind(PyObject* function) noexcept {
@@ -51,7 +51,7 @@ PyObject* module_behind(PyObject* function) noexcept {
   if (!PyCell_Check(cell)) return nullptr;
   PyObject* held = PyCell_GET(cell);
   if (held == nullptr || !PyCFunction_CheckExact(held) ||
-      PyCFunction_GET_FUNCTION(held) != kNative.ml_meth)
+      PyCFunction_GET_FUNCTION(held) != kRunNative)
     return nullptr;
   return PyCFunction_GET_SELF(held);
 }
@@ -110,23 +110,22 @@ Owned create_native(Handle module) {
 PyObject* call_method(std::size_t number, PyObject* function, PyObject* const* passed,
                       std::size_t flags_and_count, PyObject* keyword_names) noexcept {
   return py::guarded([&] {
-    PyObject* module = module_behind(function);
-    if (module == nullptr) return call_as_python(function, passed, flags_and_count, keyword_names);
-    ModuleState& state = state_of(module);
-    const ModuleState::Method& method = state.methods[number];
-    if (method.code.ptr() != PyFunction_GET_CODE(function))
-      return call_as_python(function, passed, flags_and_count, keyword_names);
-
-    const Owned held = Owned::borrow(module);  // whatever becomes of the function meanwhile
-    const RecursionGuard guard(state.calls_in_progress);
-    const Parameters& parameters = method.row->parameters;
-    const auto count = static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count));
-    if (keyword_names == nullptr && count == parameters.count && count == parameters.positional)
-      return run(state, method, passed);
-    BoundArguments bound;
-    if (bound.bind(function, method.parameters.ptr(), parameters.positional, passed, count,
-                   keyword_names))
-      return run(state, method, bound.data());
+    if (PyObject* module = module_behind(function)) {
+      ModuleState& state = state_of(module);
+      const ModuleState::Method& method = state.methods[number];
+      if (method.code.ptr() == PyFunction_GET_CODE(function)) {
+        const Owned held = Owned::borrow(module);  // whatever becomes of the function meanwhile
+        const RecursionGuard guard(state.calls_in_progress);
+        const Parameters& parameters = method.row->parameters;
+        const auto count = static_cast<std::size_t>(PyVectorcall_NARGS(flags_and_count));
+        if (keyword_names == nullptr && count == parameters.count && count == parameters.positional)
+          return run(state, method, passed);
+        BoundArguments bound;
+        if (bound.bind(function, method.parameters.ptr(), parameters.positional, passed, count,
+                       keyword_names))
+          return run(state, method, bound.data());
+      }
+    }
     return call_as_python(function, passed, flags_and_count, keyword_names);
   });
 }

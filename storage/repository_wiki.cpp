@@ -36,6 +36,8 @@ void create_state(ModuleState& state, Handle module) {
   state.names.create();
   state.globals.names.set(Owned::borrow(PyModule_GetDict(module.ptr())));
   state.globals.builtins.set(Owned::borrow(PyEval_GetBuiltins()));
+  std::optional<Owned> round = py::dict_get(state.globals.builtins, state.names.round);
+  if (round && py::is_builtin(*round, "round")) state.round.set(std::move(*round));
   state.chunk_rows.set(host::define_chunk_rows(state.globals.names));
 }
 

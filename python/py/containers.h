@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <initializer_list>
 #include <optional>
-#include <type_traits>
 #include <utility>
 
 #include "py/objects.h"
@@ -42,8 +41,6 @@ inline PyObject* into_reference(Owned&& owned) { return owned.release(); }
 /// A new tuple; owned rvalues are moved in, everything else is referenced. Runs no Python code.
 template <typename... Items>
 Owned tuple(Items&&... items) {
-  if constexpr ((std::is_lvalue_reference_v<Items> && ...))
-    return Owned::steal(PyTuple_Pack(sizeof...(Items), Handle(items).ptr()...));
   Owned made = Owned::steal(PyTuple_New(sizeof...(Items)));
   [[maybe_unused]] Py_ssize_t position = 0;
   ((PyTuple_SET_ITEM(made.ptr(), position++, detail::into_reference(std::forward<Items>(items)))),

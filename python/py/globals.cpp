@@ -7,9 +7,8 @@
 namespace tessaly::py {
 
 Owned Globals::get(Handle name) const {
-  std::optional<Owned> value = dict_get(names, name);
-  if (!value) value = dict_get(builtins, name);
-  if (value) return std::move(*value);
+  if (std::optional<Owned> value = dict_get(names, name)) return std::move(*value);
+  if (std::optional<Owned> value = dict_get(builtins, name)) return std::move(*value);
   const Owned message = Owned::steal(PyUnicode_FromFormat("name '%U' is not defined", name.ptr()));
   const Owned error = call(PyExc_NameError, message);
   checked(PyObject_SetAttrString(error.ptr(), "name", name.ptr()));
@@ -17,10 +16,11 @@ Owned Globals::get(Handle name) const {
   throw_error_set();
 }
 
-bool is_builtin(Handle function, const char* name, Handle builtins) noexcept {
+bool is_builtin(Handle function, const char* name) noexcept {
   if (!PyCFunction_CheckExact(function.ptr())) return false;
   PyObject* home = PyCFunction_GET_SELF(function.ptr());
-  return home != nullptr && PyModule_CheckExact(home) && builtins.is(PyModule_GetDict(home)) &&
+  return home != nullptr && PyModule_CheckExact(home) &&
+         PyModule_GetDict(home) == PyEval_GetBuiltins() &&
          std::strcmp(PyEval_GetFuncName(function.ptr()), name) == 0;
 }
 

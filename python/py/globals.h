@@ -14,8 +14,7 @@ struct Globals {
   [[nodiscard]] Owned get(Handle name) const;
 };
 
-/// Whether `function` is the interpreter's own builtin of that name, whatever it is called now.
-/// Runs no Python code.
-bool is_builtin(Handle function, const char* name, Handle builtins) noexcept;
+/// Whether `function` is the interpreter's own builtin of that name. Runs no Python code.
+bool is_builtin(Handle function, const char* name) noexcept;
 
 }  // namespace tessaly::py

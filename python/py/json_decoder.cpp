@@ -10,8 +10,8 @@ namespace tessaly::py::json {
 
 namespace {
 
-/// One pass over the characters of a text. Every step answers an object, or nothing when it
-/// declines; what was built until then is simply dropped.
+/// One pass over the characters of a text, which a NUL follows: no rule takes one. Every step
+/// answers an object, or nothing when it declines; what was built until then is simply dropped.
 class Reader {
  public:
   Reader(const Py_UCS1* text, Py_ssize_t size, KeyCache& keys)
@@ -25,25 +25,26 @@ class Reader {
   }
 
  private:
-  [[nodiscard]] Py_UCS1 peek() const { return next_ == end_ ? 0 : *next_; }
-
   bool take(char expected) {
-    if (peek() != static_cast<Py_UCS1>(expected)) return false;
+    if (*next_ != static_cast<Py_UCS1>(expected)) return false;
     ++next_;
     return true;
   }
 
   void skip_blanks() {
-    while (next_ != end_ && (*next_ == ' ' || *next_ == '\n' || *next_ == '\t' || *next_ == '\r'))
+    while (*next_ <= ' ' && (*next_ == ' ' || *next_ == '\n' || *next_ == '\t' || *next_ == '\r'))
       ++next_;
   }
 
   std::optional<Owned> read_value(int depth) {
     if (depth > kDeepest) return std::nullopt;
-    if (take('"')) return read_string(false);
-    if (take('{')) return read_object(depth + 1);
-    if (take('[')) return read_array(depth + 1);
-    switch (peek()) {
+    switch (*next_) {
+      case '"':
+        return read_string(false);
+      case '{':
+        return read_object(depth + 1);
+      case '[':
+        return read_array(depth + 1);
       case 'n':
         return word("null", Py_None);
       case 't':
@@ -63,6 +64,7 @@ class Reader {
 
   std::optional<Owned> read_array(int depth) {
     Owned list = new_list();
+    ++next_;
     skip_blanks();
     if (take(']')) return list;
     for (;;) {
@@ -78,10 +80,11 @@ class Reader {
 
   std::optional<Owned> read_object(int depth) {
     Owned dict = new_dict();
+    ++next_;
     skip_blanks();
     if (take('}')) return dict;
     for (;;) {
-      if (!take('"')) return std::nullopt;
+      if (*next_ != '"') return std::nullopt;
       const std::optional<Owned> key = read_string(true);
       if (!key) return std::nullopt;
       skip_blanks();
@@ -97,19 +100,16 @@ class Reader {
     }
   }
 
-  /// After the opening quote.
   std::optional<Owned> read_string(bool is_key) {
-    const Py_UCS1* start = next_;
-    Py_UCS1 all = 0;
-    while (next_ != end_ && *next_ != '"' && *next_ != '\\') {
-      if (*next_ < ' ') return std::nullopt;
-      all |= *next_++;
+    const Py_UCS1* const start = ++next_;
+    const Py_UCS1* end = start;
+    for (; *end != '"'; ++end) {
+      if (*end == '\\') return read_escaped(start);
+      if (*end < ' ') return std::nullopt;
     }
-    if (next_ == end_) return std::nullopt;
-    if (*next_ == '\\') return read_escaped(start);
-    const Py_ssize_t size = next_++ - start;
-    if (is_key && all < 128 && size > 0 && size <= KeyCache::kLongest)
-      return keys_.get(reinterpret_cast<const char*>(start), size);
+    next_ = end + 1;
+    const Py_ssize_t size = end - start;
+    if (is_key && size > 0 && size <= KeyCache::kLongest) return keys_.get(start, size);
     return Owned::steal(PyUnicode_FromKindAndData(PyUnicode_1BYTE_KIND, start, size));
   }
 
@@ -117,7 +117,7 @@ class Reader {
   std::optional<Owned> read_escaped(const Py_UCS1* start) {
     std::vector<Py_UCS4> points;
     for (next_ = start; !take('"');) {
-      if (peek() < ' ') return std::nullopt;
+      if (*next_ < ' ') return std::nullopt;
       const std::optional<Py_UCS4> point = take('\\') ? read_escape() : *next_++;
       if (!point) return std::nullopt;
       points.push_back(*point);
@@ -131,8 +131,8 @@ class Reader {
     static constexpr std::string_view kLetters = "\"\\/bfnrt";
     static constexpr std::string_view kMeanings = "\"\\/\b\f\n\r\t";
     if (!take('u')) {
-      const auto at = kLetters.find(static_cast<char>(peek()));
-      if (next_ == end_ || at == std::string_view::npos) return std::nullopt;
+      const auto at = kLetters.find(static_cast<char>(*next_));
+      if (at == std::string_view::npos) return std::nullopt;
       ++next_;
       return static_cast<Py_UCS4>(kMeanings[at]);
     }
@@ -152,7 +152,7 @@ class Reader {
     static constexpr std::string_view kDigits = "0123456789abcdef";
     Py_UCS4 value = 0;
     for (int i = 0; i < 4; ++i) {
-      const Py_UCS4 digit = peek();
+      const Py_UCS4 digit = *next_;
       if (digit < '0' || digit > 'f') return std::nullopt;
       const auto digit_value = kDigits.find(static_cast<char>(digit | 0x20U));
       if (digit_value == std::string_view::npos) return std::nullopt;
@@ -167,11 +167,11 @@ class Reader {
     const bool negative = take('-');
     const Py_UCS1* digits = next_;
     long long value = 0;
-    while (peek() >= '0' && peek() <= '9' && next_ - digits < kMostDigits)
+    while (*next_ >= '0' && *next_ <= '9' && next_ - digits < kMostDigits)
       value = value * 10 + (*next_++ - '0');
     const Py_ssize_t count = next_ - digits;
     const bool goes_on =
-        std::string_view(".eE0123456789").find(static_cast<char>(peek())) != std::string_view::npos;
+        std::string_view(".eE0123456789").find(static_cast<char>(*next_)) != std::string_view::npos;
     if (count == 0 || (*digits == '0' && count > 1) || goes_on) return std::nullopt;
     return Owned::steal(PyLong_FromLongLong(negative ? -value : value));
   }
@@ -183,13 +183,11 @@ class Reader {
 
 }  // namespace
 
-Owned KeyCache::get(const char* key, Py_ssize_t size) {
-  std::uint32_t hash = 2166136261U;  // FNV-1a
-  for (Py_ssize_t i = 0; i < size; ++i)
-    hash = (hash ^ static_cast<unsigned char>(key[i])) * 16777619U;
-  Member& slot = keys_[(hash ^ (hash >> 15U)) % keys_.size()];
+Owned KeyCache::get(const Py_UCS1* key, Py_ssize_t size) {
+  const auto length = static_cast<std::size_t>(size);
+  Member& slot = keys_[(key[0] * 7U + key[length - 1] * 3U + length) % keys_.size()];
   if (!slot.empty() && PyUnicode_GET_LENGTH(slot.ptr()) == size &&
-      std::memcmp(PyUnicode_1BYTE_DATA(slot.ptr()), key, static_cast<std::size_t>(size)) == 0)
+      std::memcmp(PyUnicode_1BYTE_DATA(slot.ptr()), key, length) == 0)
     return Owned::borrow(slot);
   Owned made = Owned::steal(PyUnicode_FromKindAndData(PyUnicode_1BYTE_KIND, key, size));
   slot.set(Owned::borrow(made));

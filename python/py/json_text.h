@@ -21,8 +21,8 @@ std::optional<Owned> encode(Handle value);
 /// known, as they are within one document of the real decoder.
 class KeyCache {
  public:
-  /// The str of an ASCII key of 1 to kLongest characters.
-  Owned get(const char* key, Py_ssize_t size);
+  /// The str of a key of 1 to kLongest Latin-1 characters.
+  Owned get(const Py_UCS1* key, Py_ssize_t size);
   void clear() noexcept;
 
   static constexpr Py_ssize_t kLongest = 24;

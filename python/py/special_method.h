@@ -10,8 +10,9 @@ namespace tessaly::py {
 /// how statements find `__enter__` and `__exit__`. It must not outlive the object.
 class SpecialMethod {
  public:
-  /// Nothing when the type has none. Runs Python code only where a descriptor does.
-  static std::optional<SpecialMethod> look_up(Handle object, Handle name);
+  /// TypeError when the type has none: what it does not support, as the interpreter says it, then
+  /// `reason`. Runs Python code only where a descriptor does.
+  SpecialMethod(Handle object, Handle name, const char* reason);
 
   template <std::convertible_to<Handle>... Arguments>
   Owned operator()(const Arguments&... arguments) const {
@@ -19,9 +20,6 @@ class SpecialMethod {
   }
 
  private:
-  SpecialMethod(Handle object, Owned method, bool bound)
-      : object_(object), method_(std::move(method)), bound_(bound) {}
-
   Handle object_;
   Owned method_;
   bool bound_;  // else a function, which takes the object as its first argument

@@ -39,9 +39,9 @@ float* allocate_rows(std::size_t dimension, std::size_t count) {
 }
 
 // A total order: similarities are never NaN and ids differ.
-bool better(const Hit& a, const Hit& b) noexcept {
+constexpr auto better = [](const Hit& a, const Hit& b) noexcept {
   return a.similarity > b.similarity || (a.similarity == b.similarity && a.id < b.id);
-}
+};
 
 // Rounding may carry a dot product of unit vectors just over the edge.
 float clamped(float similarity) noexcept { return std::clamp(similarity, -1.0F, 1.0F); }

@@ -119,8 +119,9 @@ Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
   }
   Owned pairs = py::new_list();
   for (const Hit& hit : hits)
-    py::append(pairs, Owned::steal(Py_BuildValue("(Ld)", static_cast<long long>(hit.id),
-                                                 static_cast<double>(hit.similarity))));
+    py::append(pairs,
+               py::tuple(Owned::steal(PyLong_FromLongLong(hit.id)),
+                         Owned::steal(PyFloat_FromDouble(static_cast<double>(hit.similarity)))));
   return pairs;
 }
 

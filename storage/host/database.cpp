@@ -38,16 +38,8 @@ Owned Cursor::all(const Owned& result) const {
 Transaction::Transaction(const Call& call)
     : call_(call),
       manager_(py::call_method(database(call), call.names().transaction)),
-      cursor_(call, method(call.names().dunder_enter, "")()),
-      exit_(method(call.names().dunder_exit, " (missed __exit__ method)")) {}
-
-py::SpecialMethod Transaction::method(Handle name, const char* reason) const {
-  std::optional<py::SpecialMethod> found = py::SpecialMethod::look_up(manager_, name);
-  if (!found)
-    py::raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
-              Py_TYPE(manager_.ptr())->tp_name, reason);
-  return std::move(*found);
-}
+      cursor_(call, py::SpecialMethod(manager_, call.names().dunder_enter, "")()),
+      exit_(manager_, call.names().dunder_exit, " (missed __exit__ method)") {}
 
 void Transaction::complete() const { py::drop(exit_(py::none(), py::none(), py::none())); }
 

@@ -70,8 +70,6 @@ class Transaction {
   void fail() const;
 
  private:
-  [[nodiscard]] py::SpecialMethod method(py::Handle name, const char* reason) const;
-
   const Call& call_;
   py::Owned manager_;
   Cursor cursor_;
