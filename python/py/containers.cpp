@@ -42,6 +42,13 @@ void unpack_into(Handle object, std::size_t expected, std::optional<Owned>* item
   if (next(iterator)) raise(PyExc_ValueError, "too many values to unpack (expected %zu)", expected);
 }
 
+Owned module_attribute(Handle module, Handle name) {
+  if (PyModule_CheckExact(module.ptr()))
+    if (std::optional<Owned> value = dict_get(PyModule_GetDict(module.ptr()), name))
+      return std::move(*value);
+  return attribute(module, name);
+}
+
 Owned mapping_get(Handle mapping, Handle get, Handle key, std::optional<Handle> fallback) {
   if (!PyDict_CheckExact(mapping.ptr()))
     return fallback ? call_method(mapping, get, key, *fallback) : call_method(mapping, get, key);

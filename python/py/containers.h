@@ -124,6 +124,10 @@ inline std::optional<Owned> dict_get(Handle dict, Handle key) {
   return found(status, value);
 }
 
+/// `module.name`, of a name that the type of modules does not have: the dict of an exact module is
+/// all that is asked then.
+Owned module_attribute(Handle module, Handle name);
+
 /// A new dict of these keys, interned names, and values. Runs no Python code.
 template <std::size_t Count>
 Owned record(const std::array<Handle, Count>& keys, const std::array<Owned, Count>& values) {

@@ -7,18 +7,18 @@ namespace {
 const py::Text kNoCitations{"[]"};
 
 Owned loads(const Call& call) {
-  return py::attribute(call.global(call.names().json), call.names().loads);
+  return py::module_attribute(call.global(call.names().json), call.names().loads);
 }
 
 }  // namespace
 
 Owned dump_list(const Call& call, Handle json, Handle value) {
-  const Owned dumps = py::attribute(json, call.names().dumps);
+  const Owned dumps = py::module_attribute(json, call.names().dumps);
   return py::truth(value) ? call.json().dumps(dumps, value) : call.json().dumps_empty_list(dumps);
 }
 
 Owned dump_object(const Call& call, Handle json, Handle value) {
-  const Owned dumps = py::attribute(json, call.names().dumps);
+  const Owned dumps = py::module_attribute(json, call.names().dumps);
   return py::truth(value) ? call.json().dumps(dumps, value) : call.json().dumps_empty_dict(dumps);
 }
 

@@ -11,7 +11,7 @@ namespace tessaly::wiki {
 /// `json.dumps(value())`: the function is looked up before the value is computed.
 template <std::invocable Compute>
 Owned dump(const Call& call, Handle json, Compute&& value) {
-  const Owned dumps = py::attribute(json, call.names().dumps);
+  const Owned dumps = py::module_attribute(json, call.names().dumps);
   return call.json().dumps(dumps, value());
 }
 
