@@ -2,15 +2,7 @@
 
 #include <string>
 
-#include "py/objects.h"
-
 namespace tessaly::py {
-
-Handle TextPool::get(const Text& text) {
-  Member& kept = entries_[text.number_].text;
-  if (kept.empty()) kept.set(py::text(text.head_));
-  return kept;
-}
 
 Owned TextPool::get(const Text& text, Handle columns, std::size_t marks) {
   Entry* entry = marks <= Text::kMostMarksKept ? &entries_[text.number_ + marks] : nullptr;

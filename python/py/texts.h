@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "py/reference.h"
+#include "py/objects.h"
 
 namespace tessaly::py {
 
@@ -43,7 +43,11 @@ class TextPool {
   TextPool() : entries_(Text::numbers_taken_) {}
 
   /// Borrowed from the pool, which keeps it until cleared.
-  Handle get(const Text& text);
+  Handle get(const Text& text) {
+    Member& kept = entries_[text.number_].text;
+    if (kept.empty()) kept.set(py::text(text.head_));
+    return kept;
+  }
 
   /// The text put together with `columns`, an exact str or None for nothing, and so many
   /// placeholders; the same object as the last time if the parts are the same.

@@ -30,22 +30,6 @@ Owned chunk_index(const Call& call, Handle generation, Handle dimension, Handle 
   return Owned::steal(PyObject_Call(type.ptr(), py::tuple().ptr(), fields.ptr()));
 }
 
-Owned generation(const Call& call, Handle cached) {
-  return py::attribute(cached, call.names().generation);
-}
-
-Owned dimension(const Call& call, Handle cached) {
-  return py::attribute(cached, call.names().dimension);
-}
-
-Owned chunk(const Call& call, Handle cached, Handle chunk_id) {
-  return py::item(py::attribute(cached, call.names().chunks), chunk_id);
-}
-
-Owned ranked(const Call& call, Handle cached, Handle query_embedding, Handle top_k, Handle terms) {
-  return py::call_method(cached, call.names().ranked, query_embedding, top_k, terms);
-}
-
 Owned define_chunk_rows(Handle module_namespace) {
   static constexpr char kSource[] = R"(def define(int, str):
     def chunk_rows(rows):

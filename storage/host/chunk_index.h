@@ -17,15 +17,23 @@ py::Owned chunk_index(const Call& call, py::Handle generation, py::Handle dimens
                       py::Handle index, py::Handle chunks, py::Handle words);
 
 /// `cached.generation` and `cached.dimension`.
-py::Owned generation(const Call& call, py::Handle cached);
-py::Owned dimension(const Call& call, py::Handle cached);
+inline py::Owned generation(const Call& call, py::Handle cached) {
+  return py::attribute(cached, call.names().generation);
+}
+inline py::Owned dimension(const Call& call, py::Handle cached) {
+  return py::attribute(cached, call.names().dimension);
+}
 
 /// `cached.chunks[chunk_id]`.
-py::Owned chunk(const Call& call, py::Handle cached, py::Handle chunk_id);
+inline py::Owned chunk(const Call& call, py::Handle cached, py::Handle chunk_id) {
+  return py::item(py::attribute(cached, call.names().chunks), chunk_id);
+}
 
 /// `cached.ranked(query_embedding, top_k, terms)`: the hits, best first.
-py::Owned ranked(const Call& call, py::Handle cached, py::Handle query_embedding, py::Handle top_k,
-                 py::Handle terms);
+inline py::Owned ranked(const Call& call, py::Handle cached, py::Handle query_embedding,
+                        py::Handle top_k, py::Handle terms) {
+  return py::call_method(cached, call.names().ranked, query_embedding, top_k, terms);
+}
 
 /// For the module's state: the function that makes the generator of `chunk_words`.
 py::Owned define_chunk_rows(py::Handle module_namespace);

@@ -7,34 +7,6 @@ namespace tessaly::host {
 using py::Handle;
 using py::Owned;
 
-Owned fetchone(const Call& call, Handle statement, Handle parameters) {
-  return py::call_method(database(call), call.names().fetchone, statement, parameters);
-}
-
-Owned fetchall(const Call& call, Handle statement, Handle parameters) {
-  return py::call_method(database(call), call.names().fetchall, statement, parameters);
-}
-
-Owned index_generation(const Call& call) {
-  return py::call_method(database(call), call.names().index_generation);
-}
-
-Owned Cursor::execute(const py::Text& statement, Handle parameters) const {
-  return py::call_method(cursor_, call_.names().execute, call_.text(statement), parameters);
-}
-
-void Cursor::executemany(const py::Text& statement, Handle rows) const {
-  py::drop(py::call_method(cursor_, call_.names().executemany, call_.text(statement), rows));
-}
-
-Owned Cursor::one(const Owned& result) const {
-  return py::call_method(result, call_.names().fetchone);
-}
-
-Owned Cursor::all(const Owned& result) const {
-  return py::call_method(result, call_.names().fetchall);
-}
-
 Transaction::Transaction(const Call& call)
     : call_(call),
       manager_(py::call_method(database(call), call.names().transaction)),

@@ -14,13 +14,19 @@ namespace tessaly::host {
 inline py::Owned database(const Call& call) { return py::attribute(call.self(), call.names().db); }
 
 /// `self.db.fetchone(statement, parameters)`: a row or None.
-py::Owned fetchone(const Call& call, py::Handle statement, py::Handle parameters);
+inline py::Owned fetchone(const Call& call, py::Handle statement, py::Handle parameters) {
+  return py::call_method(database(call), call.names().fetchone, statement, parameters);
+}
 
 /// `self.db.fetchall(statement, parameters)`: the rows.
-py::Owned fetchall(const Call& call, py::Handle statement, py::Handle parameters);
+inline py::Owned fetchall(const Call& call, py::Handle statement, py::Handle parameters) {
+  return py::call_method(database(call), call.names().fetchall, statement, parameters);
+}
 
 /// `self.db.index_generation()`.
-py::Owned index_generation(const Call& call);
+inline py::Owned index_generation(const Call& call) {
+  return py::call_method(database(call), call.names().index_generation);
+}
 
 /// The cursor of an open transaction.
 class Cursor {
@@ -28,7 +34,9 @@ class Cursor {
   Cursor(const Call& call, py::Owned cursor) : call_(call), cursor_(std::move(cursor)) {}
 
   /// `cursor.execute(statement, parameters)`, and what it returned.
-  py::Owned execute(const py::Text& statement, py::Handle parameters) const;
+  py::Owned execute(const py::Text& statement, py::Handle parameters) const {
+    return py::call_method(cursor_, call_.names().execute, call_.text(statement), parameters);
+  }
 
   /// `cursor.execute(statement, (...))` with parameters that are yet to be computed, by code that
   /// may be anybody's: the method is looked up before that.
@@ -39,15 +47,21 @@ class Cursor {
   }
 
   /// `cursor.executemany(statement, rows)`.
-  void executemany(const py::Text& statement, py::Handle rows) const;
+  void executemany(const py::Text& statement, py::Handle rows) const {
+    py::drop(py::call_method(cursor_, call_.names().executemany, call_.text(statement), rows));
+  }
 
   [[nodiscard]] py::Owned rowcount() const {
     return py::attribute(cursor_, call_.names().rowcount);
   }
 
   /// `result.fetchone()` and `result.fetchall()` of what an `execute` returned.
-  [[nodiscard]] py::Owned one(const py::Owned& result) const;
-  [[nodiscard]] py::Owned all(const py::Owned& result) const;
+  [[nodiscard]] py::Owned one(py::Handle result) const {
+    return py::call_method(result, call_.names().fetchone);
+  }
+  [[nodiscard]] py::Owned all(py::Handle result) const {
+    return py::call_method(result, call_.names().fetchall);
+  }
 
  private:
   const Call& call_;
