@@ -47,7 +47,7 @@ def table(title: str, host: int, chosen: list[Workload], seconds: float) -> None
         limit = workload.limits[host]
         print(
             f"{workload.name:34}{readable(times[0]):>10}{readable(times[1]):>10}{ratio:8.2f}"
-            f"{limit:9.2f}{'' if ratio <= limit else '  over'}"
+            f"{limit:9.2f}{'' if round(ratio, 2) <= limit else '  over'}"
         )
     print(f"{'geometric mean':54}{math.exp(sum(map(math.log, ratios)) / len(ratios)):8.2f}", end="")
     print(f"{MEAN_LIMITS[host]:9.2f}" if chosen == WORKLOADS else "")

@@ -24,7 +24,7 @@ std::size_t find_parameter(PyObject* names, PyObject* name) {
 
 BoundArguments::~BoundArguments() {
   for (; owned_ != 0; owned_ &= owned_ - 1)
-    Py_DECREF(values_[static_cast<std::size_t>(std::countr_zero(owned_))]);
+    py::drop(Owned::steal(values_[static_cast<std::size_t>(std::countr_zero(owned_))]));
 }
 
 void BoundArguments::own(std::size_t position, Owned value) noexcept {

@@ -15,7 +15,7 @@ inline constexpr std::size_t kMostParameters = 20;
 /// that the caller passed are borrowed from it for the length of the call; defaults are owned here.
 class BoundArguments {
  public:
-  BoundArguments() noexcept {}
+  BoundArguments() noexcept = default;
   BoundArguments(const BoundArguments&) = delete;
   BoundArguments& operator=(const BoundArguments&) = delete;
   ~BoundArguments();
