@@ -36,8 +36,10 @@ class Call {
   /// `round(value, 4)` with the builtin as it is now.
   [[nodiscard]] py::Owned round_to_4_digits(py::Handle value) const;
 
-  /// The function that makes a generator of (chunk id, heading, text) from chunk rows.
-  [[nodiscard]] py::Handle chunk_rows() const { return state_.chunk_rows; }
+  /// The functions in Python that host/ is made of besides.
+  [[nodiscard]] const ModuleState::Functions& functions() const noexcept {
+    return state_.functions;
+  }
 
   /// Adds this method, at the line of its row in the method table, to the traceback of the error
   /// that is set.

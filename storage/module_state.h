@@ -2,6 +2,7 @@
 
 #include <Python.h>
 
+#include <array>
 #include <vector>
 
 #include "names.h"
@@ -24,6 +25,11 @@ struct ModuleState {
     py::Member parameters;  // their names, a tuple
   };
 
+  /// Functions in Python that host/ is made of besides, compiled at the import.
+  struct Functions {
+    py::Member chunk_rows, encode, encode_chunk, decode;
+  };
+
   bool cleared = false;  // by the garbage collector: no method may run any more
   int calls_in_progress = 0;
 
@@ -33,11 +39,11 @@ struct ModuleState {
   py::Globals globals;  // the module's own namespace, where the host names are read
   py::Json json;
 
-  py::Member round;       // the builtin, if it was the interpreter's own at the import
-  py::Member chunk_rows;  // makes the generator that ChunkWords.build consumes
+  py::Member round;  // the builtin, if it was the interpreter's own at the import
+  Functions functions;
 
-  [[nodiscard]] int traverse(visitproc visit, void* arg) const {
-    for (const py::Member* member : {&globals.names, &globals.builtins, &round, &chunk_rows})
+  [[nodiscard]] int traverse(visitproc visit, void* arg) {
+    for (const py::Member* member : members())
       if (const int status = member->traverse(visit, arg)) return status;
     return json.traverse(visit, arg);  // all else is text and code
   }
@@ -45,9 +51,14 @@ struct ModuleState {
   /// Lets go of what may be part of a reference cycle.
   void clear() noexcept {
     cleared = true;
-    for (py::Member* member : {&globals.names, &globals.builtins, &round, &chunk_rows})
-      member->clear();
+    for (py::Member* member : members()) member->clear();
     json.clear();
+  }
+
+ private:
+  std::array<py::Member*, 7> members() noexcept {
+    return {&globals.names,    &globals.builtins,       &round,           &functions.chunk_rows,
+            &functions.encode, &functions.encode_chunk, &functions.decode};
   }
 };
 

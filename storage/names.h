@@ -20,7 +20,7 @@
   X(round)                                                                                   \
   /* keys and attributes of chunk indexes, chunks, hits and states */                        \
   X(generation) X(dimension) X(index) X(chunks) X(words)                                     \
-  X(anchor) X(heading) X(content) X(citations) X(embedding) X(token_count)                   \
+  X(anchor) X(heading) X(content) X(citations) X(token_count)                   \
   X(page_id) X(title) X(rel_path) X(similarity) X(score)                                     \
   X(branch) X(last_built_at) X(last_commit) X(changed_since_build) X(model) X(page_count)    \
   X(manifest_hash)

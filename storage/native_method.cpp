@@ -113,7 +113,7 @@ PyObject* call_method(std::size_t number, PyObject* function, PyObject* const* p
     if (PyObject* module = module_behind(function)) {
       ModuleState& state = state_of(module);
       const ModuleState::Method& method = state.methods[number];
-      if (method.code.ptr() == PyFunction_GET_CODE(function)) {
+      if (method.code.ptr() == PyFunction_GET_CODE(function) && !state.cleared) {
         const Owned held = Owned::borrow(module);  // whatever becomes of the function meanwhile
         const RecursionGuard guard(state.calls_in_progress);
         const Parameters& parameters = method.row->parameters;

@@ -6,6 +6,7 @@
 
 #include "docstrings.h"
 #include "host/chunk_index.h"
+#include "host/codec.h"
 #include "module_state.h"
 #include "py/source.h"
 #include "wiki_store.h"
@@ -38,7 +39,8 @@ void create_state(ModuleState& state, Handle module) {
   state.globals.builtins.set(Owned::borrow(PyEval_GetBuiltins()));
   std::optional<Owned> round = py::dict_get(state.globals.builtins, state.names.round);
   if (round && py::is_builtin(*round, "round")) state.round.set(std::move(*round));
-  state.chunk_rows.set(host::define_chunk_rows(state.globals.names));
+  state.functions.chunk_rows.set(host::define_chunk_rows(state.globals.names));
+  host::define_codec(state);
 }
 
 void initialise(PyObject* module) {

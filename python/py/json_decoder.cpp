@@ -1,4 +1,3 @@
-#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <vector>

@@ -16,7 +16,7 @@ Owned embedding_index(const Call& call, Handle dimension, Handle vectors) {
 Owned chunk_words(const Call& call, Handle rows) {
   const Owned words = call.global(call.names().ChunkWords);
   const Owned build = py::attribute(words, call.names().build);
-  return py::call(build, py::call(call.chunk_rows(), rows));
+  return py::call(build, py::call(call.functions().chunk_rows, rows));
 }
 
 Owned chunk_index(const Call& call, Handle generation, Handle dimension, Handle index,

@@ -24,7 +24,7 @@ Owned chunk_values(const Call& call, Handle json, Handle page_fk, Handle branch,
   Owned citations = dump(call, json, [&] {
     return py::mapping_get(chunk, names.get, names.citations, py::new_list());
   });
-  Owned embedding = host::encode_item(call, chunk, names.embedding);
+  Owned embedding = host::encode_chunk(call, chunk);
   Owned token_count =
       py::to_int(py::mapping_get(chunk, names.get, names.token_count, py::integer(0)));
   return py::tuple(page_fk, branch, std::move(anchor), std::move(heading), std::move(content),
