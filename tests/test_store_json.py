@@ -110,7 +110,6 @@ class Equality(StoreTestCase):
         for value in values:
             expected = outcome(json.dumps, value)
             self.assertEqual(outcome(self.store.dumped_with_chunk, value), expected)
-        circle.clear()
 
     def test_what_a_search_returns_is_what_loads_gives(self) -> None:
         texts: list[Any] = [b"[1]", bytearray(b"{}"), b"\xff", 7, [1], Text("[2]")]
@@ -118,7 +117,8 @@ class Equality(StoreTestCase):
         texts += [opening * depth for opening in '[{"a":' for depth in (1, 60, 61, 3000)]
         texts += ["[" * depth + "]" * depth for depth in (60, 61, 62, 10**5)]
         texts += [json.dumps({"k" * size: EVERY[:size]}) for size in (23, 24, 25, 200)]
-        for at in range(0, len(DOCUMENT), 9 if self.repeating else 1):
+        texts += [json.dumps({"ab" + one: 0 for one in EVERY[35:127]} | {"ab": 1})]
+        for at in range(0, len(DOCUMENT) + 1, 9 if self.repeating else 1):
             before, after = DOCUMENT[:at], DOCUMENT[at:]
             texts += [before, *(before + piece + after[cut:] for piece in PIECES for cut in (0, 1))]
         for text in texts:

@@ -166,11 +166,11 @@ class Reader {
     const bool negative = take('-');
     const Py_UCS1* digits = next_;
     long long value = 0;
-    const auto at_digit = [this] { return *next_ >= '0' && *next_ <= '9'; };
-    while (at_digit() && next_ - digits < kMostDigits) value = value * 10 + (*next_++ - '0');
+    while (*next_ >= '0' && *next_ <= '9' && next_ - digits < kMostDigits)
+      value = value * 10 + (*next_++ - '0');
     const Py_ssize_t count = next_ - digits;
-    const bool goes_on = at_digit() || *next_ == '.' || *next_ == 'e' || *next_ == 'E';
-    if (count == 0 || (*digits == '0' && count > 1) || goes_on) return std::nullopt;
+    // What follows, if it goes on (more digits, a fraction, an exponent), no rule takes.
+    if (count == 0 || (*digits == '0' && count > 1)) return std::nullopt;
     return Owned::steal(PyLong_FromLongLong(negative ? -value : value));
   }
 
