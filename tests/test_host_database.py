@@ -99,6 +99,18 @@ class HostDatabase(unittest.TestCase):
                 list(threads.map(lambda _: repository.bump_wiki_changed("main", 1), range(400)))
             self.assertEqual(repository.bump_wiki_changed("main", 0), 400)
 
+    def test_a_writer_waits_only_as_long_as_it_was_told(self) -> None:
+        database = self.open(busy_timeout=0.05)
+        with database.transaction():
+            error = self.in_thread(lambda: database.transaction().__enter__())
+            self.assertRegex(repr(error), "OperationalError.*locked")
+            self.assertIn("transaction is open", str(self.in_thread(database.close)))
+        database.close()
+        self.assertRegex(repr(self.in_thread(database.index_generation)), "Programming.*closed")
+        gone = self.open("gone.db")
+        (self.folder / "gone.db").unlink()
+        self.assertRegex(repr(self.in_thread(gone.index_generation)), "Operational.*unable to open")
+
     def test_follow_their_page_have_ids_of_their_own_and_are_found_without_a_scan(self) -> None:
         database = self.open()
         repository = Repository(database)

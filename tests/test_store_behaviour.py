@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import inspect
 import json
-import weakref
 from collections.abc import Callable
 from typing import Any
 from unittest import mock
@@ -90,20 +89,6 @@ class OnSqlite(DatabaseTestCase):
         for branch, dimension in (("main", 2), ("other", 3)):
             self.assertEqual(store.update_wiki_chunk_embeddings(branch, [(4, V), [9, V]], "n"), 2)
             self.assertEqual(store.wiki_chunk_dimension("other"), dimension)
-
-    def test_no_codec_is_alive_while_the_next_value_is_converted(self) -> None:
-        class Codec:
-            def __init__(self, _db: Any) -> None:
-                alive.add(self)
-
-            def encode(self, _embedding: Any) -> bytes:
-                return b"%d" % len(alive)
-
-        alive: weakref.WeakSet[Codec] = weakref.WeakSet()
-        count = type("Count", (), {"__int__": lambda _self: len(alive)})()
-        with mock.patch.object(native_store, "stored_vectors", Codec):
-            self.store.replace_wiki_chunks(1, "main", [chunk(token_count=count)] * 2, "m")
-        self.assertEqual(self.rows("embedding, token_count"), [(b"1", 0)] * 2)
 
     def test_the_words_are_built_from_a_generator(self) -> None:
         words = mock.Mock()
