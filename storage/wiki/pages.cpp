@@ -138,12 +138,11 @@ Owned update_wiki_page_citations(const Call& call, Handle branch, Handle page_id
     py::for_each(chunks, [&](const Owned& chunk) {
       auto [chunk_id, content, stored] = py::unpack<3>(chunk);
       const Owned moved = move_citations(call, stored, moves);
-      py::drop(
-          cursor.execute(kUpdateChunk, [&, chunk_id = Handle(chunk_id), content = Handle(content)] {
-            Owned rewritten = py::call(rewrite, content);
-            Owned moved_text = dump_citations(call, moved);
-            return py::tuple(std::move(rewritten), std::move(moved_text), chunk_id);
-          }));
+      py::drop(cursor.execute(kUpdateChunk, [&, id = Handle(chunk_id), text = Handle(content)] {
+        Owned rewritten = py::call(rewrite, text);
+        Owned moved_text = dump_citations(call, moved);
+        return py::tuple(std::move(rewritten), std::move(moved_text), id);
+      }));
     });
   });
   if (!unknown_page) drop_chunk_index(call, branch);
