@@ -27,7 +27,7 @@ struct ModuleState {
 
   /// Functions in Python that host/ is made of besides, compiled at the import.
   struct Functions {
-    py::Member chunk_rows, encode, encode_chunk, decode;
+    py::Member chunk_rows, page_row_ids, encode, encode_chunk, decode;
   };
 
   bool cleared = false;  // by the garbage collector: no method may run any more
@@ -56,9 +56,10 @@ struct ModuleState {
   }
 
  private:
-  std::array<py::Member*, 7> members() noexcept {
-    return {&globals.names,    &globals.builtins,       &round,           &functions.chunk_rows,
-            &functions.encode, &functions.encode_chunk, &functions.decode};
+  std::array<py::Member*, 8> members() noexcept {
+    return {&globals.names,          &globals.builtins,       &round,
+            &functions.chunk_rows,   &functions.page_row_ids, &functions.encode,
+            &functions.encode_chunk, &functions.decode};
   }
 };
 

@@ -39,7 +39,7 @@ void create_state(ModuleState& state, Handle module) {
   state.globals.builtins.set(Owned::borrow(PyEval_GetBuiltins()));
   std::optional<Owned> round = py::dict_get(state.globals.builtins, state.names.round);
   if (round && py::is_builtin(*round, "round")) state.round.set(std::move(*round));
-  state.functions.chunk_rows.set(host::define_chunk_rows(state.globals.names));
+  host::define_chunk_index(state);
   host::define_codec(state);
 }
 

@@ -70,10 +70,10 @@ void mapping_clear(Handle mapping, Handle clear) {
     drop(call_method(mapping, clear));
 }
 
-Owned SortedSet::sorted() const {
-  Owned list = Owned::steal(PySequence_List(set_.ptr()));
+Owned sorted_tuple(Handle iterable) {
+  const Owned list = Owned::steal(PySequence_List(iterable.ptr()));
   checked(PyList_Sort(list.ptr()));
-  return list;
+  return Owned::steal(PyList_AsTuple(list.ptr()));
 }
 
 }  // namespace tessaly::py

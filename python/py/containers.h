@@ -15,6 +15,7 @@ namespace tessaly::py {
 
 inline Owned new_list() { return Owned::steal(PyList_New(0)); }
 inline Owned new_dict() { return Owned::steal(PyDict_New()); }
+inline Owned new_set() { return Owned::steal(PySet_New(nullptr)); }
 
 /// `object[key]`.
 inline Owned item(Handle object, Handle key) {
@@ -48,9 +49,6 @@ Owned tuple(Items&&... items) {
   return made;
 }
 
-/// `tuple(list)` of an exact list. Runs no Python code.
-inline Owned to_tuple(Handle list) { return Owned::steal(PyList_AsTuple(list.ptr())); }
-
 /// Tuple after tuple, in one. Runs no Python code.
 inline Owned joined(Handle left, Handle right) {
   return Owned::steal(PySequence_Concat(left.ptr(), right.ptr()));
@@ -80,6 +78,8 @@ void for_each(Handle iterable, Visit&& visit) {
 inline void append(Handle list, const Owned& item) {
   checked(PyList_Append(list.ptr(), item.ptr()));
 }
+
+inline void add(Handle set, const Owned& item) { checked(PySet_Add(set.ptr(), item.ptr())); }
 
 /// `[convert(item) for item in iterable]`.
 template <typename Convert>
@@ -149,16 +149,7 @@ inline void mapping_set(Handle mapping, Handle key, Handle value) {
   checked(PyObject_SetItem(mapping.ptr(), key.ptr(), value.ptr()));
 }
 
-/// A set that is filled, and then read once in ascending order.
-class SortedSet {
- public:
-  SortedSet() : set_(Owned::steal(PySet_New(nullptr))) {}
-  void add(Handle item) { checked(PySet_Add(set_.ptr(), item.ptr())); }
-  /// `sorted(set)`: a new list.
-  [[nodiscard]] Owned sorted() const;
-
- private:
-  Owned set_;
-};
+/// `tuple(sorted(iterable))`.
+Owned sorted_tuple(Handle iterable);
 
 }  // namespace tessaly::py

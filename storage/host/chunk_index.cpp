@@ -30,15 +30,19 @@ Owned chunk_index(const Call& call, Handle generation, Handle dimension, Handle 
   return Owned::steal(PyObject_Call(type.ptr(), py::tuple().ptr(), fields.ptr()));
 }
 
-Owned define_chunk_rows(Handle module_namespace) {
+void define_chunk_index(ModuleState& state) {
   static constexpr char kSource[] = R"(def define(int, str):
     def chunk_rows(rows):
         return ((int(row[0]), row[2], str(row[3])) for row in rows)
-    return chunk_rows
+    def page_row_ids(cached, hits):
+        return {cached.chunks[chunk_id][0] for chunk_id, similarity, fused in hits}
+    return chunk_rows, page_row_ids
 )";
-  const Owned define = py::define("define", kSource, __FILE__, __LINE__ - 5, module_namespace);
-  return py::call(define, reinterpret_cast<PyObject*>(&PyLong_Type),
-                  reinterpret_cast<PyObject*>(&PyUnicode_Type));
+  const Owned define = py::define("define", kSource, __FILE__, __LINE__ - 7, state.globals.names);
+  const Owned made = py::call(define, reinterpret_cast<PyObject*>(&PyLong_Type),
+                              reinterpret_cast<PyObject*>(&PyUnicode_Type));
+  state.functions.chunk_rows.set(py::item(made, 0));
+  state.functions.page_row_ids.set(py::item(made, 1));
 }
 
 }  // namespace tessaly::host

@@ -35,7 +35,12 @@ inline py::Owned ranked(const Call& call, py::Handle cached, py::Handle query_em
   return py::call_method(cached, call.names().ranked, query_embedding, top_k, terms);
 }
 
-/// For the module's state: the function that makes the generator of `chunk_words`.
-py::Owned define_chunk_rows(py::Handle module_namespace);
+/// `{cached.chunks[chunk_id][0] for chunk_id, similarity, fused in hits}`: a set.
+inline py::Owned page_row_ids(const Call& call, py::Handle cached, py::Handle hits) {
+  return py::call(call.functions().page_row_ids, cached, hits);
+}
+
+/// Sets what is Python here in the module's state.
+void define_chunk_index(ModuleState& state);
 
 }  // namespace tessaly::host

@@ -19,16 +19,6 @@ void warn_of_mismatch(const Call& call, Handle branch, Handle cached, Handle que
   py::drop(py::call(warning, call.text(kMismatch), branch, dimension, length));
 }
 
-/// The distinct page row ids of the hits, ascending: a tuple, as the statement takes them.
-Owned pages_of_hits(const Call& call, Handle cached, Handle hits) {
-  py::SortedSet distinct;
-  py::for_each(hits, [&](const Owned& hit) {
-    const auto [chunk_id, similarity, fused] = py::unpack<3>(hit);
-    distinct.add(py::item(host::chunk(call, cached, chunk_id), 0));
-  });
-  return py::to_tuple(distinct.sorted());
-}
-
 const py::Text kReadPages{"SELECT id, page_id, title, rel_path FROM wiki_pages WHERE id IN (", "",
                           ")"};
 
@@ -58,7 +48,7 @@ Owned search_wiki_chunks(const Call& call, Handle query_embedding, Handle branch
   }
 
   const Owned hits = host::ranked(call, cached, query_embedding, top_k, terms);
-  const Owned pages = read_pages(call, pages_of_hits(call, cached, hits));
+  const Owned pages = read_pages(call, py::sorted_tuple(host::page_row_ids(call, cached, hits)));
   Owned output = py::new_list();
   py::for_each(hits, [&](const Owned& hit) {
     const auto [chunk_id, similarity, fused] = py::unpack<3>(hit);

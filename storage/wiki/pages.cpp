@@ -76,13 +76,13 @@ const py::Text kSlash{"/"};
 
 /// The distinct paths with forward slashes, sorted, in a tuple; items that are false are left out.
 Owned normalise_paths(const Call& call, Handle paths) {
-  py::SortedSet distinct;
+  const Owned distinct = py::new_set();
   py::for_each(paths, [&](const Owned& path) {
     if (py::truth(path))
-      distinct.add(
-          py::replaced(path, call.names().replace, call.text(kBackslash), call.text(kSlash)));
+      py::add(distinct,
+              py::replaced(path, call.names().replace, call.text(kBackslash), call.text(kSlash)));
   });
-  return py::to_tuple(distinct.sorted());
+  return py::sorted_tuple(distinct);
 }
 
 const py::Text kReadCitingPages{"SELECT ",
