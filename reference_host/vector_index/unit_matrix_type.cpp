@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "numbers.h"
@@ -106,7 +107,8 @@ std::vector<float> unit_query(const UnitMatrixObject& self, Handle query) {
   return unit;
 }
 
-Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
+Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k,
+              std::optional<Handle> score) {
   const std::vector<float> unit = unit_query(self, query);
   // Beyond the range of a size it is cut off there, which is as good.
   const Py_ssize_t wanted = PyNumber_AsSsize_t(top_k.ptr(), nullptr);
@@ -117,12 +119,14 @@ Owned nearest(const UnitMatrixObject& self, Handle query, Handle top_k) {
     const WithoutInterpreter released;
     hits = matrix->nearest(unit.data(), static_cast<std::size_t>(wanted));
   }
-  Owned pairs = py::new_list();
-  for (const Hit& hit : hits)
-    py::append(pairs,
-               py::tuple(Owned::steal(PyLong_FromLongLong(hit.id)),
-                         Owned::steal(PyFloat_FromDouble(static_cast<double>(hit.similarity)))));
-  return pairs;
+  Owned found = py::new_list();
+  for (const Hit& hit : hits) {
+    Owned id = Owned::steal(PyLong_FromLongLong(hit.id));
+    Owned cosine = Owned::steal(PyFloat_FromDouble(static_cast<double>(hit.similarity)));
+    py::append(found, score ? py::tuple(std::move(id), std::move(cosine), *score)
+                            : py::tuple(std::move(id), std::move(cosine)));
+  }
+  return found;
 }
 
 Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids) {
@@ -135,8 +139,9 @@ Owned similarities(const UnitMatrixObject& self, Handle query, Handle chunk_ids)
   });
 }
 
-void check_two(const char* method, Py_ssize_t count) {
-  if (count != 2) py::raise(PyExc_TypeError, "%s() takes 2 arguments (%zd given)", method, count);
+void check_count(const char* method, Py_ssize_t count, Py_ssize_t most = 2) {
+  if (count < 2 || count > most)
+    py::raise(PyExc_TypeError, "%s() cannot take %zd arguments", method, count);
 }
 
 extern "C" {
@@ -147,14 +152,16 @@ PyObject* unit_matrix_load(PyObject* self, PyObject* vectors) {
 
 PyObject* unit_matrix_nearest(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
   return py::guarded([&] {
-    check_two("nearest", count);
-    return nearest(native(self), arguments[0], arguments[1]);
+    check_count("nearest", count, 3);
+    std::optional<Handle> score;
+    if (count == 3) score = arguments[2];
+    return nearest(native(self), arguments[0], arguments[1], score);
   });
 }
 
 PyObject* unit_matrix_similarities(PyObject* self, PyObject* const* arguments, Py_ssize_t count) {
   return py::guarded([&] {
-    check_two("similarities", count);
+    check_count("similarities", count);
     return similarities(native(self), arguments[0], arguments[1]);
   });
 }
@@ -216,9 +223,10 @@ Owned make_unit_matrix_type(Handle module) {
        "Replace the contents by (chunk id, embedding) pairs of ascending id; an error leaves the\n"
        "old ones. Returns how many were left out because their length is not the dimension."},
       {"nearest", as_method(unit_matrix_nearest), METH_FASTCALL,
-       "nearest($self, query, top_k, /)\n--\n\n"
+       "nearest($self, query, top_k, /, *score)\n--\n\n"
        "The at most top_k pairs (chunk id, cosine) most similar to the query, best first, ties\n"
-       "by chunk id. A vector without a direction (zero or not finite) has cosine 0.0."},
+       "by chunk id; triples, if there is a score to put into each. A vector without a direction\n"
+       "(zero or not finite) has cosine 0.0."},
       {"similarities", as_method(unit_matrix_similarities), METH_FASTCALL,
        "similarities($self, query, chunk_ids, /)\n--\n\n"
        "The cosine of each of the chunks to the query; 0.0 for one that is not here."},

@@ -13,8 +13,8 @@ logger = logging.getLogger(__name__)
 class EmbeddingIndex(UnitMatrix):
     """The embeddings of a branch's chunks, by ascending chunk id.
 
-    ``nearest(query, top_k)`` and ``similarities(query, chunk_ids)`` compare a query with them;
-    ``dimension`` is the length that all of them have, ``len()`` their number.
+    ``nearest(query, top_k, *score)`` and ``similarities(query, chunk_ids)`` compare a query with
+    them; ``dimension`` is the length that all of them have, ``len()`` their number.
     """
 
     __slots__ = ()

@@ -148,11 +148,10 @@ class WikiChunkIndex:
         top_k = min(top_k, len(self.chunks))
         if top_k <= 0:
             return []
-        nearest = self.index.nearest(query_embedding, top_k)
         by_words = self.words.best(terms, top_k) if terms else None
         if by_words is None:
-            return [(chunk_id, similarity, None) for chunk_id, similarity in nearest]
-        similarities = dict(nearest)
+            return self.index.nearest(query_embedding, top_k, None)
+        similarities = dict(self.index.nearest(query_embedding, top_k))
         fused: dict[int, float] = {}
         for ranking in (similarities, by_words):
             for rank, chunk_id in enumerate(ranking, 1):
