@@ -15,7 +15,7 @@
   X(encode) X(decode) X(load) X(build) X(ranked) X(warning) X(dumps) X(loads)                \
   X(get) X(pop) X(clear) X(replace)                                                          \
   /* the module's own namespace, and builtins */                                             \
-  X(json) X(logger) X(Database) X(stored_vectors) X(EmbeddingIndex) X(ChunkWords)            \
+  X(json) X(logger) X(Database) X(EmbeddingIndex) X(ChunkWords)                              \
   X(WikiChunkIndex) X(WIKI_PAGE_COLUMNS) X(moved_citation) X(row_to_wiki_page) X(WikiStore)  \
   X(round)                                                                                   \
   /* keys and attributes of chunk indexes, chunks, hits and states */                        \

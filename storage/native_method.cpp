@@ -1,7 +1,5 @@
 #include "native_method.h"
 
-#include <optional>
-
 namespace tessaly {
 
 using py::Handle;

@@ -22,15 +22,11 @@ inline Owned item(Handle object, Handle key) {
   return Owned::steal(PyObject_GetItem(object.ptr(), key.ptr()));
 }
 
-/// Whether `object[position]` runs no Python code.
-inline bool has_plain_item(Handle object, Py_ssize_t position) noexcept {
-  return PyTuple_CheckExact(object.ptr()) && position < PyTuple_GET_SIZE(object.ptr());
-}
-
 /// `object[position]`, position not negative.
 inline Owned item(Handle object, Py_ssize_t position) {
-  if (!has_plain_item(object, position)) return item(object, integer(position));
-  return Owned::borrow(PyTuple_GET_ITEM(object.ptr(), position));
+  if (PyTuple_CheckExact(object.ptr()) && position < PyTuple_GET_SIZE(object.ptr()))
+    return Owned::borrow(PyTuple_GET_ITEM(object.ptr(), position));
+  return item(object, integer(position));
 }
 
 namespace detail {
